@@ -1,0 +1,218 @@
+#include "model/Json.hpp"
+
+#include <algorithm>
+
+#include <boost/json/parse.hpp>
+#include <boost/json/serialize.hpp>
+#include <fmt/format.h>
+
+namespace quillfort {
+
+std::string JsonError::description() const { return path.empty() ? reason : path + ": " + reason; }
+
+JsonError JsonError::under(std::string_view key) const {
+    std::string prefixed(key);
+    if (!path.empty()) {
+        if (path.front() != '[') prefixed.push_back('.');
+        prefixed += path;
+    }
+    return JsonError{std::move(prefixed), reason};
+}
+
+JsonError JsonError::atIndex(std::size_t index) const {
+    std::string prefixed = fmt::format("[{}]", index);
+    if (!path.empty()) {
+        if (path.front() != '[') prefixed.push_back('.');
+        prefixed += path;
+    }
+    return JsonError{std::move(prefixed), reason};
+}
+
+std::ostream& operator<<(std::ostream& out, const JsonError& error) { return out << error.description(); }
+
+std::string jsonKindName(const json::value& value) {
+    switch (value.kind()) {
+        case json::kind::null: return "null";
+        case json::kind::bool_: return "a boolean";
+        case json::kind::int64:
+        case json::kind::uint64:
+        case json::kind::double_: return "a number";
+        case json::kind::string: return "a string";
+        case json::kind::array: return "an array";
+        case json::kind::object: return "an object";
+    }
+    return "a value";
+}
+
+namespace detail {
+std::unexpected<JsonError> integerOutOfRange(const json::value& jv) {
+    return jsonFailure("value " + json::serialize(jv) + " out of range");
+}
+}  // namespace detail
+
+json::value JsonCodec<Bytes>::encode(const Bytes& value) { return json::value(json::string_view(value.base64())); }
+
+JsonResult<Bytes> JsonCodec<Bytes>::decode(const json::value& jv) {
+    const json::string* s = jv.if_string();
+    if (s == nullptr) return jsonFailure("expected base64 text, found " + jsonKindName(jv));
+    if (auto bytes = Bytes::fromBase64(std::string_view(s->data(), s->size()))) return std::move(*bytes);
+    return jsonFailure("invalid base64 data");
+}
+
+json::value JsonCodec<Date>::encode(const Date& value) { return json::value(json::string_view(iso8601String(value))); }
+
+JsonResult<Date> JsonCodec<Date>::decode(const json::value& jv) {
+    const json::string* s = jv.if_string();
+    if (s == nullptr) return jsonFailure("expected an ISO 8601 date, found " + jsonKindName(jv));
+    if (auto date = parseIso8601(std::string_view(s->data(), s->size()))) return *date;
+    return jsonFailure("invalid ISO 8601 date \"" + std::string(s->data(), s->size()) + "\"");
+}
+
+json::value JsonCodec<Uuid>::encode(const Uuid& value) { return json::value(json::string_view(value.uppercaseString())); }
+
+JsonResult<Uuid> JsonCodec<Uuid>::decode(const json::value& jv) {
+    const json::string* s = jv.if_string();
+    if (s == nullptr) return jsonFailure("expected a UUID string, found " + jsonKindName(jv));
+    if (auto uuid = Uuid::parse(std::string_view(s->data(), s->size()))) return *uuid;
+    return jsonFailure("invalid UUID \"" + std::string(s->data(), s->size()) + "\"");
+}
+
+namespace {
+
+void appendEscaped(std::string& out, std::string_view text) {
+    out.push_back('"');
+    for (char c : text) {
+        switch (c) {
+            case '"': out += "\\\""; break;
+            case '\\': out += "\\\\"; break;
+            case '\b': out += "\\b"; break;
+            case '\f': out += "\\f"; break;
+            case '\n': out += "\\n"; break;
+            case '\r': out += "\\r"; break;
+            case '\t': out += "\\t"; break;
+            default:
+                if (static_cast<unsigned char>(c) < 0x20)
+                    fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
+                else
+                    out.push_back(c);
+        }
+    }
+    out.push_back('"');
+}
+
+void appendScalar(std::string& out, const json::value& value) {
+    switch (value.kind()) {
+        case json::kind::null: out += "null"; break;
+        case json::kind::bool_: out += value.get_bool() ? "true" : "false"; break;
+        case json::kind::int64: fmt::format_to(std::back_inserter(out), "{}", value.get_int64()); break;
+        case json::kind::uint64: fmt::format_to(std::back_inserter(out), "{}", value.get_uint64()); break;
+        case json::kind::double_: {
+            double d = value.get_double();
+            if (!std::isfinite(d))
+                out += "null";  // JSON has no spelling for these
+            else
+                fmt::format_to(std::back_inserter(out), "{}", d);
+            break;
+        }
+        case json::kind::string: {
+            const auto& s = value.get_string();
+            appendEscaped(out, std::string_view(s.data(), s.size()));
+            break;
+        }
+        default: break;
+    }
+}
+
+void writeCompact(std::string& out, const json::value& value) {
+    if (const json::object* object = value.if_object()) {
+        out.push_back('{');
+        bool first = true;
+        for (const auto& entry : *object) {
+            if (!first) out.push_back(',');
+            first = false;
+            appendEscaped(out, std::string_view(entry.key().data(), entry.key().size()));
+            out.push_back(':');
+            writeCompact(out, entry.value());
+        }
+        out.push_back('}');
+    } else if (const json::array* array = value.if_array()) {
+        out.push_back('[');
+        bool first = true;
+        for (const auto& element : *array) {
+            if (!first) out.push_back(',');
+            first = false;
+            writeCompact(out, element);
+        }
+        out.push_back(']');
+    } else {
+        appendScalar(out, value);
+    }
+}
+
+void writePretty(std::string& out, const json::value& value, std::size_t depth) {
+    auto newline = [&](std::size_t level) {
+        out.push_back('\n');
+        out.append(level * 2, ' ');
+    };
+    if (const json::object* object = value.if_object()) {
+        if (object->empty()) {
+            out += "{}";
+            return;
+        }
+        std::vector<const json::key_value_pair*> entries;
+        entries.reserve(object->size());
+        for (const auto& entry : *object) entries.push_back(&entry);
+        std::sort(entries.begin(), entries.end(),
+                  [](const auto* a, const auto* b) { return a->key() < b->key(); });
+        out.push_back('{');
+        for (std::size_t i = 0; i < entries.size(); ++i) {
+            if (i > 0) out.push_back(',');
+            newline(depth + 1);
+            appendEscaped(out, std::string_view(entries[i]->key().data(), entries[i]->key().size()));
+            out += " : ";
+            writePretty(out, entries[i]->value(), depth + 1);
+        }
+        newline(depth);
+        out.push_back('}');
+    } else if (const json::array* array = value.if_array()) {
+        if (array->empty()) {
+            out += "[]";
+            return;
+        }
+        out.push_back('[');
+        for (std::size_t i = 0; i < array->size(); ++i) {
+            if (i > 0) out.push_back(',');
+            newline(depth + 1);
+            writePretty(out, (*array)[i], depth + 1);
+        }
+        newline(depth);
+        out.push_back(']');
+    } else {
+        appendScalar(out, value);
+    }
+}
+
+}  // namespace
+
+std::string serializeCompact(const json::value& value) {
+    std::string out;
+    out.reserve(256);
+    writeCompact(out, value);
+    return out;
+}
+
+std::string serializePretty(const json::value& value) {
+    std::string out;
+    out.reserve(512);
+    writePretty(out, value, 0);
+    return out;
+}
+
+JsonResult<json::value> parseJson(std::string_view text) {
+    boost::system::error_code ec;
+    json::value value = json::parse(json::string_view(text.data(), text.size()), ec);
+    if (ec) return jsonFailure("invalid JSON: " + ec.message());
+    return value;
+}
+
+}  // namespace quillfort

@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian 12 packages the project builds and tests with.
+# Asks apt only for what is missing; runs apt as root or through sudo.
+#   scripts/setup.sh              build and test dependencies
+#   scripts/setup.sh --sanitizers also clang-16 for the asan/tsan/fuzz presets
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build pkg-config ccache git
+  libboost1.81-dev libboost-json1.81-dev
+  libfmt-dev libsystemd-dev libcli11-dev
+  libgtest-dev libgmock-dev libbenchmark-dev
+)
+for arg in "$@"; do
+  case "$arg" in
+    --sanitizers) packages+=(clang-16 libclang-rt-16-dev) ;;
+    *) echo "setup.sh: unknown option $arg" >&2; exit 2 ;;
+  esac
+done
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+
+if [ "$(id -u)" -eq 0 ]; then sudo=(); else sudo=(sudo); fi
+echo "Installing: ${missing[*]}"
+"${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+"${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${missing[@]}"
