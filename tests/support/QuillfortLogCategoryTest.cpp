@@ -1,0 +1,25 @@
+#include "support/QuillfortLogCategory.hpp"
+
+#include <gtest/gtest.h>
+
+namespace quillfort {
+namespace {
+
+TEST(QuillfortLogCategory, BuildsOnlyFromExactRawValue) {
+    EXPECT_EQ(fromRawValue<QuillfortLogCategory>("processObserver"), QuillfortLogCategory::processObserver);
+    EXPECT_EQ(fromRawValue<QuillfortLogCategory>("Agent"), std::nullopt);
+    EXPECT_EQ(fromRawValue<QuillfortLogCategory>(""), std::nullopt);
+}
+
+TEST(QuillfortLogCategory, ListsNineCasesAppFirstTestsLast) {
+    const auto cases = allCases<QuillfortLogCategory>();
+    ASSERT_EQ(cases.size(), 9u);
+    EXPECT_EQ(cases.front(), QuillfortLogCategory::app);
+    EXPECT_EQ(cases.back(), QuillfortLogCategory::tests);
+    for (auto category : cases) {
+        EXPECT_EQ(fromRawValue<QuillfortLogCategory>(rawValue(category)), category);
+    }
+}
+
+}  // namespace
+}  // namespace quillfort

@@ -1,0 +1,110 @@
+#include "support/QuillfortLogger.hpp"
+
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+namespace quillfort {
+namespace {
+
+struct RenderCase {
+    const char* name;
+    std::string_view format;
+    std::vector<std::string> args;
+    std::string expected;
+};
+
+class RenderLogMessage : public ::testing::TestWithParam<RenderCase> {};
+
+TEST_P(RenderLogMessage, ReplacesPlaceholdersInOrder) {
+    const auto& c = GetParam();
+    EXPECT_EQ(renderLogMessage(c.format, c.args), c.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Formats, RenderLogMessage,
+    ::testing::Values(
+        RenderCase{"publicStrings", "Queued prompt %{public}s for %{public}s.", {"0A1B", "example.com"},
+                   "Queued prompt 0A1B for example.com."},
+        RenderCase{"publicUnsignedShort", "Listening on %{public}s:%{public}hu.", {"127.0.0.1", "27839"},
+                   "Listening on 127.0.0.1:27839."},
+        RenderCase{"boolAnnotation", "visible=%{bool,public}d key=%{bool,public}d", {"true", "false"},
+                   "visible=true key=false"},
+        RenderCase{"longModifiers", "total=%{public}ld occlusion=%{public}lu", {"3", "8194"},
+                   "total=3 occlusion=8194"},
+        RenderCase{"plainConversions", "%s has %d items (%hu)", {"list", "4", "5"}, "list has 4 items (5)"},
+        RenderCase{"objectConversion", "error: %{public}@", {"denied"}, "error: denied"},
+        RenderCase{"doublePercent", "100%% of %{public}s", {"flows"}, "100% of flows"},
+        RenderCase{"escapedPlaceholderIsText", "%%{public}s then %{public}s", {"x"}, "%{public}s then x"},
+        RenderCase{"missingArgumentRendersEmpty", "%{public}s and %{public}s.", {"one"}, "one and ."},
+        RenderCase{"surplusArgumentsIgnored", "only %{public}s", {"a", "b", "c"}, "only a"},
+        RenderCase{"noArgumentsAtAll", "a=%{public}s b=%d", {}, "a= b="},
+        RenderCase{"trailingPercentKept", "at 50%", {"unused"}, "at 50%"},
+        RenderCase{"unterminatedAnnotationKept", "bad %{public", {"x"}, "bad %{public"},
+        RenderCase{"annotationWithoutConversionKept", "end %{public}", {"x"}, "end %{public}"},
+        RenderCase{"percentBeforeBlankIsText", "100% sure it is %{public}s", {"x"}, "100% sure it is x"},
+        RenderCase{"starPrecisionTakesItsOwnArgument", "%.*s|%s", {"3", "abc", "z"}, "abc|z"},
+        RenderCase{"widthAndFlags", "[%-08.3f]", {"1.5"}, "[1.5]"},
+        RenderCase{"emptyFormat", "", {"x"}, ""}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST(LogArgumentText, RendersValuesAsThePlatformWould) {
+    EXPECT_EQ(logArgumentText(true), "true");
+    EXPECT_EQ(logArgumentText(false), "false");
+    EXPECT_EQ(logArgumentText(static_cast<unsigned short>(27839)), "27839");
+    EXPECT_EQ(logArgumentText(-42L), "-42");
+    EXPECT_EQ(logArgumentText("literal"), "literal");
+    EXPECT_EQ(logArgumentText(static_cast<const char*>(nullptr)), "(null)");
+    EXPECT_EQ(logArgumentText(std::string_view("view")), "view");
+    EXPECT_EQ(logArgumentText(QuillfortLogCategory::processObserver), "processObserver");
+    EXPECT_EQ(logArgumentText(Error::withMessage("The file is gone.")), "The file is gone.");
+}
+
+TEST(QuillfortLogger, RecordReachesSinkWithSubsystemCategoryAndLevel) {
+    ScopedLogCapture capture;
+    const auto logger = QuillfortLogger::logger(QuillfortLogCategory::agent);
+    logger.log("Queued prompt %{public}s for %{public}s.", std::string("5C1A"), "example.com");
+    QuillfortLogger::logger(QuillfortLogCategory::ipc)
+        .error("Failed to write prompt bridge response for %{public}s: %{public}s", "5C1A",
+               Error::withMessage("Disk full"));
+
+    const auto records = capture.records();
+    ASSERT_EQ(records.size(), 2u);
+    EXPECT_EQ(records[0].subsystem, "com.vessimo.Quillfort");
+    EXPECT_EQ(records[0].category, "agent");
+    EXPECT_EQ(records[0].level, LogLevel::defaultLevel);
+    EXPECT_EQ(records[0].message, "Queued prompt 5C1A for example.com.");
+    EXPECT_EQ(records[1].category, "ipc");
+    EXPECT_EQ(records[1].level, LogLevel::error);
+    EXPECT_EQ(records[1].message, "Failed to write prompt bridge response for 5C1A: Disk full");
+}
+
+TEST(QuillfortLogger, ConcurrentLinesAllArriveWhole) {
+    ScopedLogCapture capture;
+    constexpr int threads = 4;
+    constexpr int linesPerThread = 250;
+    std::vector<std::jthread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([t] {
+            const auto logger = QuillfortLogger::logger(QuillfortLogCategory::agent);
+            for (int i = 0; i < linesPerThread; ++i) {
+                logger.log("thread %{public}d line %{public}d", t, i);
+            }
+        });
+    }
+    workers.clear();  // joins
+
+    std::set<std::string> expected;
+    for (int t = 0; t < threads; ++t)
+        for (int i = 0; i < linesPerThread; ++i) expected.insert(fmt::format("thread {} line {}", t, i));
+    std::set<std::string> seen;
+    for (const auto& record : capture.records()) seen.insert(record.message);
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(capture.records().size(), expected.size());
+}
+
+}  // namespace
+}  // namespace quillfort
