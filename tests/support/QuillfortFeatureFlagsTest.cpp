@@ -1,0 +1,108 @@
+#include "support/QuillfortFeatureFlags.hpp"
+
+#include <gtest/gtest.h>
+
+namespace quillfort {
+namespace {
+
+ProcessInfo withEnvironment(std::map<std::string, std::string> environment) {
+    ProcessInfo info;
+    info.environment = std::move(environment);
+    return info;
+}
+
+TEST(QuillfortFeatureFlags, EmptyEnvironmentGivesDefaults) {
+    const auto flags = QuillfortFeatureFlags::resolve(ProcessInfo{});
+    EXPECT_EQ(flags, (QuillfortFeatureFlags{false, std::nullopt, true, false, false}));
+}
+
+struct SwitchCase {
+    std::string value;
+    bool enabled;
+};
+
+// The three on/off switches accept exactly "1" and nothing that merely looks like it.
+TEST(QuillfortFeatureFlags, SwitchesAreOnOnlyForExactlyOne) {
+    const SwitchCase cases[] = {{"1", true},     {"1 ", false}, {" 1", false}, {"01", false},
+                                {"TRUE", false}, {"true", false}, {"yes", false}, {"", false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE("value '" + c.value + "'");
+        const auto flags = QuillfortFeatureFlags::resolve(withEnvironment({
+            {"QUILLFORT_AUTOMATION_BRIDGE", c.value},
+            {"QUILLFORT_VERBOSE_LOGGING", c.value},
+            {"QUILLFORT_STUB_EXTENSIONS", c.value},
+        }));
+        EXPECT_EQ(flags.automationBridgeEnabled, c.enabled);
+        EXPECT_EQ(flags.verboseLoggingEnabled, c.enabled);
+        EXPECT_EQ(flags.stubExtensionsEnabled, c.enabled);
+    }
+}
+
+TEST(QuillfortFeatureFlags, ShadowDropIsOffOnlyForTrimmedFoldedNegatives) {
+    const SwitchCase cases[] = {
+        {" No\n", false}, {"0", false},       {"FALSE", false}, {"\tfalse  ", false},
+        {"no\xC2\xA0", false},  // trailing no-break space
+        {"off", true},    {"", true},         {"   ", true},     {"1", true},
+        {"nope", true},   {"n o", true},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE("value '" + c.value + "'");
+        const auto flags =
+            QuillfortFeatureFlags::resolve(withEnvironment({{"QUILLFORT_SHADOW_PROMPT_DROP", c.value}}));
+        EXPECT_EQ(flags.shadowPromptDropEnabled, c.enabled);
+    }
+}
+
+TEST(QuillfortFeatureFlags, AutomationResponseIsTrimmedAndBlankMeansAbsent) {
+    struct Case {
+        std::string value;
+        std::optional<std::string> expected;
+    };
+    const Case cases[] = {
+        {"  allow-once  ", "allow-once"},
+        {"\nblock-permanent\r\n", "block-permanent"},
+        {"not a preset", "not a preset"},  // not checked against the presets here
+        {"   ", std::nullopt},
+        {"", std::nullopt},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE("value '" + c.value + "'");
+        const auto flags = QuillfortFeatureFlags::resolve(
+            withEnvironment({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", c.value}}));
+        EXPECT_EQ(flags.automationPromptResponseRawValue, c.expected);
+        EXPECT_FALSE(flags.automationBridgeEnabled);  // independent of the bridge switch
+    }
+}
+
+TEST(QuillfortFeatureFlags, JsonLeavesOutAbsentResponseAndRoundTrips) {
+    QuillfortFeatureFlags flags;
+    flags.verboseLoggingEnabled = true;
+    const auto text = encodeCompact(flags);
+    EXPECT_EQ(text,
+              R"({"automationBridgeEnabled":false,"shadowPromptDropEnabled":true,)"
+              R"("verboseLoggingEnabled":true,"stubExtensionsEnabled":false})");
+    EXPECT_EQ(decodeJson<QuillfortFeatureFlags>(text), flags);
+
+    flags.automationPromptResponseRawValue = "deny-session";
+    EXPECT_EQ(decodeJson<QuillfortFeatureFlags>(encodePretty(flags)), flags);
+}
+
+TEST(QuillfortFeatureFlags, JsonReadingRequiresEveryBoolean) {
+    const auto missingStub = decodeJson<QuillfortFeatureFlags>(
+        R"({"automationBridgeEnabled":false,"shadowPromptDropEnabled":true,"verboseLoggingEnabled":false})");
+    ASSERT_FALSE(missingStub.has_value());
+    EXPECT_EQ(missingStub.error().path, "stubExtensionsEnabled");
+
+    EXPECT_FALSE(decodeJson<QuillfortFeatureFlags>(
+                     R"({"automationBridgeEnabled":"yes","shadowPromptDropEnabled":true,)"
+                     R"("verboseLoggingEnabled":false,"stubExtensionsEnabled":false})")
+                     .has_value());
+
+    const auto tolerant = decodeJson<QuillfortFeatureFlags>(
+        R"({"automationBridgeEnabled":true,"automationPromptResponseRawValue":null,"extra":1,)"
+        R"("shadowPromptDropEnabled":false,"verboseLoggingEnabled":false,"stubExtensionsEnabled":true})");
+    EXPECT_EQ(tolerant, (QuillfortFeatureFlags{true, std::nullopt, false, false, true}));
+}
+
+}  // namespace
+}  // namespace quillfort
