@@ -1,0 +1,262 @@
+#include "platform/PosixFileSystem.hpp"
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "platform/UserDatabase.hpp"
+#include "tests/testsupport/TemporaryDirectory.hpp"
+
+namespace quillfort {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using testing::TemporaryDirectory;
+namespace fs = std::filesystem;
+
+PosixFileSystem makeFileSystem(std::map<std::string, std::string> environment = {},
+                               PosixFileSystem::ConsoleUserQuery console = [] { return std::optional<uid_t>{}; }) {
+    ProcessInfo processInfo;
+    processInfo.environment = std::move(environment);
+    return PosixFileSystem(processInfo, std::move(console));
+}
+
+void writePlain(const fs::path& path, const std::string& bytes) { std::ofstream(path) << bytes; }
+
+std::vector<std::string> sortedNames(const std::vector<DirectoryEntry>& entries) {
+    std::vector<std::string> names;
+    for (const auto& entry : entries) names.push_back(entry.path.filename().string());
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+std::vector<std::string> everythingIn(const fs::path& directory) {
+    return sortedNames(makeFileSystem().listDirectory(directory, false).value());
+}
+
+// Runs `body` in a child process and gives its exit status.
+template <class Body>
+int inChild(Body body) {
+    pid_t pid = ::fork();
+    if (pid == 0) ::_exit(body());
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(PosixFileSystem, AtomicWriteReplacesWholeContentAndLeavesNothingBeside) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    auto target = dir.path() / "state.json";
+    ASSERT_TRUE(files.writeFileAtomically(target, std::string(100'000, 'a')));
+    ASSERT_TRUE(files.writeFileAtomically(target, "short"));
+    EXPECT_EQ(files.readFile(target).value(), "short");
+    EXPECT_THAT(everythingIn(dir.path()), ElementsAre("state.json"));
+}
+
+TEST(PosixFileSystem, WriteFailingMidwayKeepsOldContentAndRemovesTemporary) {
+    TemporaryDirectory dir;
+    auto target = dir.path() / "state.json";
+    writePlain(target, "old content");
+    // A file-size limit makes the write stop after 64 KiB of a 1 MiB content:
+    // a writer that touched the target in place would leave it truncated.
+    int status = inChild([&] {
+        ::signal(SIGXFSZ, SIG_IGN);
+        rlimit limit{64 * 1024, 64 * 1024};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        auto files = makeFileSystem();
+        auto written = files.writeFileAtomically(target, std::string(1 << 20, 'n'));
+        return written ? 1 : (written.error().code == std::errc::file_too_large ? 42 : 2);
+    });
+    EXPECT_EQ(status, 42);
+    EXPECT_EQ(makeFileSystem().readFile(target).value(), "old content");
+    EXPECT_THAT(everythingIn(dir.path()), ElementsAre("state.json"));
+}
+
+TEST(PosixFileSystem, ConcurrentReaderSeesOnlyWholeContents) {
+    TemporaryDirectory dir;
+    auto target = dir.path() / "state.json";
+    const std::string first(300'000, 'a'), second(200'000, 'b'), third(250'000, 'c');
+    writePlain(target, first);
+    pid_t writer = ::fork();
+    if (writer == 0) {
+        auto files = makeFileSystem();
+        for (int i = 0; i < 2000; ++i) {
+            if (!files.writeFileAtomically(target, i % 2 == 0 ? second : third)) ::_exit(1);
+        }
+        ::_exit(0);
+    }
+    struct Reaper {
+        pid_t pid;
+        ~Reaper() {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+    } reaper{writer};
+    auto files = makeFileSystem();
+    for (int i = 0; i < 300; ++i) {
+        auto content = files.readFile(target);
+        ASSERT_TRUE(content) << content.error().description;
+        ASSERT_TRUE(*content == first || *content == second || *content == third)
+            << "read " << content->size() << " bytes starting '" << content->substr(0, 1) << "'";
+    }
+}
+
+TEST(PosixFileSystem, WriteDoesNotCreateMissingParents) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    auto written = files.writeFileAtomically(dir.path() / "missing" / "f.json", "x");
+    ASSERT_FALSE(written);
+    EXPECT_TRUE(written.error().isNoSuchFile());
+    EXPECT_FALSE(files.exists(dir.path() / "missing"));
+}
+
+TEST(PosixFileSystem, WriteOverDirectoryFailsAndLeavesNoTemporary) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    ASSERT_TRUE(files.createDirectories(dir.path() / "taken"));
+    auto written = files.writeFileAtomically(dir.path() / "taken", "x");
+    ASSERT_FALSE(written);
+    EXPECT_TRUE(files.isDirectory(dir.path() / "taken"));
+    EXPECT_THAT(everythingIn(dir.path()), ElementsAre("taken"));
+}
+
+TEST(PosixFileSystem, NewFilesGetReadableModeUnderUmask) {
+    struct Case { mode_t umask; mode_t expected; };
+    for (auto [mask, expected] : {Case{022, 0644}, Case{077, 0600}, Case{0, 0644}}) {
+        TemporaryDirectory dir;
+        mode_t previous = ::umask(mask);
+        auto written = makeFileSystem().writeFileAtomically(dir.path() / "f", "x");
+        ::umask(previous);
+        ASSERT_TRUE(written);
+        struct stat info{};
+        ASSERT_EQ(::stat((dir.path() / "f").c_str(), &info), 0);
+        EXPECT_EQ(info.st_mode & 0777, expected) << "umask " << std::oct << mask;
+    }
+}
+
+TEST(PosixFileSystem, ReadAndListFailuresKeepTheirErrno) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    writePlain(dir.path() / "file", "x");
+    struct Case { fs::path path; bool list; std::errc expected; };
+    for (const auto& c : {Case{dir.path() / "missing", false, std::errc::no_such_file_or_directory},
+                          Case{dir.path(), false, std::errc::is_a_directory},
+                          Case{dir.path() / "missing", true, std::errc::no_such_file_or_directory},
+                          Case{dir.path() / "file", true, std::errc::not_a_directory}}) {
+        auto error = c.list ? files.listDirectory(c.path, false).error() : files.readFile(c.path).error();
+        EXPECT_EQ(error.code, c.expected) << c.path;
+        EXPECT_THAT(error.description, HasSubstr(c.path.string()));
+    }
+}
+
+TEST(PosixFileSystem, ListingSkipsHiddenEntriesOnlyWhenAsked) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    for (auto name : {"b.json", ".hidden", "a.json"}) writePlain(dir.path() / name, "x");
+    ASSERT_TRUE(files.createDirectories(dir.path() / "sub"));
+    EXPECT_THAT(sortedNames(files.listDirectory(dir.path(), true).value()),
+                ElementsAre("a.json", "b.json", "sub"));
+    EXPECT_THAT(sortedNames(files.listDirectory(dir.path(), false).value()),
+                ElementsAre(".hidden", "a.json", "b.json", "sub"));
+}
+
+TEST(PosixFileSystem, CreationDateIsBirthTimeWhereKeptElseModificationTime) {
+    TemporaryDirectory dir;
+    auto started = std::chrono::system_clock::now() - std::chrono::minutes(1);
+    auto file = dir.path() / "request.json";
+    writePlain(file, "x");
+    // Move the modification time far back: a birth time stays recent.
+    timespec old[2] = {{1'000'000'000, 0}, {1'000'000'000, 0}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, file.c_str(), old, 0), 0);
+    struct statx info{};
+    ASSERT_EQ(::statx(AT_FDCWD, file.c_str(), 0, STATX_BTIME, &info), 0);
+    bool keepsBirthTime = (info.stx_mask & STATX_BTIME) != 0;
+
+    auto entries = makeFileSystem().listDirectory(dir.path(), true).value();
+    ASSERT_EQ(entries.size(), 1U);
+    EXPECT_EQ(entries[0].path, file);
+    ASSERT_TRUE(entries[0].creationDate);
+    if (keepsBirthTime) {
+        EXPECT_GT(*entries[0].creationDate, started);
+    } else {
+        EXPECT_EQ(*entries[0].creationDate, std::chrono::system_clock::from_time_t(1'000'000'000));
+    }
+}
+
+TEST(PosixFileSystem, CreateDirectoriesMakesParentsAndIsIdempotent) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    auto nested = dir.path() / "a" / "b" / "c";
+    ASSERT_TRUE(files.createDirectories(nested));
+    ASSERT_TRUE(files.createDirectories(nested));
+    ASSERT_TRUE(files.createDirectories(dir.path() / "a" / "b" / "d" / ""));
+    EXPECT_TRUE(files.isDirectory(nested));
+    EXPECT_TRUE(files.isDirectory(dir.path() / "a" / "b" / "d"));
+
+    writePlain(dir.path() / "file", "x");
+    EXPECT_EQ(files.createDirectories(dir.path() / "file").error().code, std::errc::file_exists);
+    EXPECT_EQ(files.createDirectories(dir.path() / "file" / "sub").error().code, std::errc::not_a_directory);
+}
+
+TEST(PosixFileSystem, RemoveItemRemovesTreesButNotWhatLinksPointTo) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    ASSERT_TRUE(files.createDirectories(dir.path() / "tree" / "deep"));
+    writePlain(dir.path() / "tree" / "deep" / "f", "x");
+    ASSERT_TRUE(files.createDirectories(dir.path() / "kept"));
+    writePlain(dir.path() / "kept" / "f", "x");
+    fs::create_directory_symlink(dir.path() / "kept", dir.path() / "link");
+
+    EXPECT_TRUE(files.removeItem(dir.path() / "tree"));
+    EXPECT_TRUE(files.removeItem(dir.path() / "link"));
+    EXPECT_TRUE(files.removeItem(dir.path() / "kept" / "f"));
+    EXPECT_THAT(everythingIn(dir.path()), ElementsAre("kept"));
+    EXPECT_TRUE(files.removeItem(dir.path() / "tree").error().isNoSuchFile());
+}
+
+TEST(PosixFileSystem, SetPosixPermissionsIgnoresUmask) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    ASSERT_TRUE(files.createDirectories(dir.path() / "shared"));
+    ASSERT_TRUE(files.setPosixPermissions(dir.path() / "shared", 0777));
+    struct stat info{};
+    ASSERT_EQ(::stat((dir.path() / "shared").c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 07777, 0777U);
+    EXPECT_TRUE(files.setPosixPermissions(dir.path() / "missing", 0666).error().isNoSuchFile());
+}
+
+TEST(PosixFileSystem, HomeAndTemporaryDirectoryComeFromTheInjectedEnvironment) {
+    auto passwdHome = UserDatabase::homeDirectory(::geteuid());
+    struct Case { std::map<std::string, std::string> environment; std::optional<fs::path> home; fs::path temporary; };
+    for (const auto& c : {Case{{{"HOME", "/home/alice"}, {"TMPDIR", "/var/tmp/x"}}, fs::path("/home/alice"), "/var/tmp/x"},
+                          Case{{{"HOME", ""}, {"TMPDIR", ""}}, passwdHome, "/tmp"},
+                          Case{{}, passwdHome, "/tmp"}}) {
+        auto files = makeFileSystem(c.environment);
+        EXPECT_EQ(files.currentHomeDirectory(), c.home);
+        EXPECT_EQ(files.temporaryDirectory(), c.temporary);
+    }
+}
+
+TEST(PosixFileSystem, ConsoleUserHomeComesFromTheActiveSessionsAccount) {
+    struct Case { std::optional<uid_t> consoleUser; std::optional<fs::path> home; };
+    for (const auto& c : {Case{::geteuid(), UserDatabase::homeDirectory(::geteuid())},
+                          Case{std::nullopt, std::nullopt},
+                          Case{uid_t{2'000'000'123}, std::nullopt}}) {  // no such account
+        auto files = makeFileSystem({{"HOME", "/elsewhere"}}, [&] { return c.consoleUser; });
+        EXPECT_EQ(files.consoleUserHomeDirectory(), c.home);
+    }
+    EXPECT_TRUE(UserDatabase::homeDirectory(::geteuid()).has_value());
+}
+
+}  // namespace
+}  // namespace quillfort

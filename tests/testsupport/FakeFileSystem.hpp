@@ -1,0 +1,93 @@
+// A file system for tests: real files (put them under a TemporaryDirectory),
+// but the homes and the container are whatever the test says, and chosen
+// operations can be made to fail with a given errno.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "platform/FileSystem.hpp"
+
+namespace quillfort::testing {
+
+class FakeFileSystem final : public FileSystem {
+public:
+    enum class Operation {
+        createDirectories,
+        setPosixPermissions,
+        removeItem,
+        readFile,
+        writeFileAtomically,
+        listDirectory,
+    };
+
+    // One call of a mutating or reading operation, as the fake saw it.
+    struct Call {
+        Operation operation;
+        std::filesystem::path path;
+        std::optional<unsigned> mode;  // setPosixPermissions only
+
+        bool operator==(const Call&) const = default;
+    };
+
+    // Everything absent until set; the temporary directory is /tmp.
+    FakeFileSystem();
+    explicit FakeFileSystem(std::filesystem::path homeDirectory);
+
+    void setHomeDirectory(std::optional<std::filesystem::path> home);
+    // Answered for every group identifier.
+    void setAppGroupContainer(std::optional<std::filesystem::path> container);
+    void setConsoleUserHomeDirectory(std::optional<std::filesystem::path> home);
+    void setTemporaryDirectory(std::filesystem::path directory);
+
+    // The next call of `operation` (on any path) fails with `err` and does nothing.
+    void failNext(Operation operation, int err);
+    // Every call of `operation` on `path` fails with `err` until clearFailures().
+    // Paths are compared in lexically normal form.
+    void failOn(Operation operation, const std::filesystem::path& path, int err);
+    void clearFailures();
+
+    // Calls so far, failed ones included.
+    [[nodiscard]] std::vector<Call> calls() const;
+
+    [[nodiscard]] std::optional<std::filesystem::path> currentHomeDirectory() const override;
+    [[nodiscard]] std::optional<std::filesystem::path> appGroupContainer(
+        std::string_view groupIdentifier) const override;
+    [[nodiscard]] std::optional<std::filesystem::path> consoleUserHomeDirectory() const override;
+    [[nodiscard]] bool exists(const std::filesystem::path& path) const override;
+    [[nodiscard]] bool isDirectory(const std::filesystem::path& path) const override;
+    [[nodiscard]] VoidResult createDirectories(const std::filesystem::path& path) override;
+    [[nodiscard]] VoidResult setPosixPermissions(const std::filesystem::path& path, unsigned mode) override;
+    [[nodiscard]] VoidResult removeItem(const std::filesystem::path& path) override;
+    [[nodiscard]] Result<std::string> readFile(const std::filesystem::path& path) const override;
+    [[nodiscard]] VoidResult writeFileAtomically(const std::filesystem::path& path,
+                                                 std::string_view bytes) override;
+    [[nodiscard]] Result<std::vector<DirectoryEntry>> listDirectory(
+        const std::filesystem::path& path, bool skipHiddenEntries) const override;
+    [[nodiscard]] std::filesystem::path temporaryDirectory() const override;
+
+private:
+    struct Rule {
+        Operation operation;
+        std::optional<std::filesystem::path> path;  // absent: the next call on any path
+        int err;
+    };
+
+    // Records the call and gives the injected errno, if any, for it.
+    [[nodiscard]] std::optional<int> enter(Operation operation, const std::filesystem::path& path,
+                                           std::optional<unsigned> mode = std::nullopt) const;
+
+    std::unique_ptr<FileSystem> real_;
+    mutable std::mutex mutex_;
+    std::optional<std::filesystem::path> home_;
+    std::optional<std::filesystem::path> appGroupContainer_;
+    std::optional<std::filesystem::path> consoleHome_;
+    std::filesystem::path temporaryDirectory_{"/tmp"};
+    mutable std::vector<Rule> rules_;
+    mutable std::vector<Call> calls_;
+};
+
+}  // namespace quillfort::testing
