@@ -4,6 +4,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -22,6 +23,17 @@ struct DirectoryEntry {
     std::optional<std::chrono::system_clock::time_point> creationDate;
 
     bool operator==(const DirectoryEntry&) const = default;
+};
+
+// What tells one version of a file from another without reading it: a file
+// replaced by a rename or rewritten in place differs in at least one field.
+struct FileIdentity {
+    std::uint64_t device = 0;
+    std::uint64_t inode = 0;
+    std::uint64_t size = 0;
+    std::chrono::sys_time<std::chrono::nanoseconds> modificationTime{};
+
+    bool operator==(const FileIdentity&) const = default;
 };
 
 // Every operation reports failures with the errno they came from, so callers
@@ -50,6 +62,8 @@ public:
     [[nodiscard]] virtual VoidResult removeItem(const std::filesystem::path& path) = 0;
 
     [[nodiscard]] virtual Result<std::string> readFile(const std::filesystem::path& path) const = 0;
+    // The identity of the file at `path`, symbolic links followed.
+    [[nodiscard]] virtual Result<FileIdentity> fileIdentity(const std::filesystem::path& path) const = 0;
     // Replaces the file in one step: readers see the old content or the new,
     // never a mix. Missing parent directories are not created.
     [[nodiscard]] virtual VoidResult writeFileAtomically(const std::filesystem::path& path,

@@ -209,6 +209,19 @@ Result<std::string> PosixFileSystem::readFile(const std::filesystem::path& path)
     return contents;
 }
 
+Result<FileIdentity> PosixFileSystem::fileIdentity(const std::filesystem::path& path) const {
+    struct stat info{};
+    if (::stat(path.c_str(), &info) != 0) return failure(errno, path);
+    using namespace std::chrono;
+    const auto modified = sys_seconds(seconds(info.st_mtim.tv_sec)) + nanoseconds(info.st_mtim.tv_nsec);
+    return FileIdentity{
+        .device = static_cast<std::uint64_t>(info.st_dev),
+        .inode = static_cast<std::uint64_t>(info.st_ino),
+        .size = static_cast<std::uint64_t>(info.st_size),
+        .modificationTime = modified,
+    };
+}
+
 VoidResult PosixFileSystem::writeFileAtomically(const std::filesystem::path& path,
                                                 std::string_view bytes) {
     const std::string name = path.filename().native();

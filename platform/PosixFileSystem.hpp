@@ -35,6 +35,7 @@ public:
     [[nodiscard]] VoidResult removeItem(const std::filesystem::path& path) override;
 
     [[nodiscard]] Result<std::string> readFile(const std::filesystem::path& path) const override;
+    [[nodiscard]] Result<FileIdentity> fileIdentity(const std::filesystem::path& path) const override;
     [[nodiscard]] VoidResult writeFileAtomically(const std::filesystem::path& path,
                                                  std::string_view bytes) override;
 

@@ -159,6 +159,35 @@ TEST(PosixFileSystem, ReadAndListFailuresKeepTheirErrno) {
     }
 }
 
+TEST(PosixFileSystem, FileIdentityChangesWithReplacementOrRewriteButNotWithReading) {
+    TemporaryDirectory dir;
+    auto files = makeFileSystem();
+    const auto path = dir.path() / "snapshot.json";
+    ASSERT_TRUE(files.writeFileAtomically(path, "first"));
+    const auto first = files.fileIdentity(path);
+    ASSERT_TRUE(first);
+    EXPECT_EQ(first->size, 5u);
+    ASSERT_TRUE(files.readFile(path));
+    EXPECT_EQ(files.fileIdentity(path), first);
+
+    // Same size, replaced by rename: a new inode.
+    ASSERT_TRUE(files.writeFileAtomically(path, "other"));
+    const auto replaced = files.fileIdentity(path);
+    ASSERT_TRUE(replaced);
+    EXPECT_NE(*replaced, *first);
+
+    // Same size, rewritten in place with only the nanoseconds of the time moved.
+    const auto nanos = replaced->modificationTime.time_since_epoch().count();
+    const timespec times[2] = {{0, UTIME_OMIT}, {nanos / 1'000'000'000, (nanos % 1'000'000'000 + 1) % 1'000'000'000}};
+    ASSERT_EQ(::utimensat(AT_FDCWD, path.c_str(), times, 0), 0);
+    const auto touched = files.fileIdentity(path);
+    ASSERT_TRUE(touched);
+    EXPECT_EQ(touched->inode, replaced->inode);
+    EXPECT_NE(*touched, *replaced);
+
+    EXPECT_EQ(files.fileIdentity(dir.path() / "missing").error().code, std::errc::no_such_file_or_directory);
+}
+
 TEST(PosixFileSystem, ListingSkipsHiddenEntriesOnlyWhenAsked) {
     TemporaryDirectory dir;
     auto files = makeFileSystem();

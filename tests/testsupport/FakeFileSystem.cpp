@@ -117,6 +117,11 @@ Result<std::string> FakeFileSystem::readFile(const std::filesystem::path& path) 
     return real_->readFile(path);
 }
 
+Result<FileIdentity> FakeFileSystem::fileIdentity(const std::filesystem::path& path) const {
+    if (auto err = enter(Operation::fileIdentity, path)) return injected(*err, path);
+    return real_->fileIdentity(path);
+}
+
 VoidResult FakeFileSystem::writeFileAtomically(const std::filesystem::path& path, std::string_view bytes) {
     if (auto err = enter(Operation::writeFileAtomically, path)) return injected(*err, path);
     return real_->writeFileAtomically(path, bytes);

@@ -20,6 +20,7 @@ public:
         setPosixPermissions,
         removeItem,
         readFile,
+        fileIdentity,
         writeFileAtomically,
         listDirectory,
     };
@@ -63,6 +64,7 @@ public:
     [[nodiscard]] VoidResult setPosixPermissions(const std::filesystem::path& path, unsigned mode) override;
     [[nodiscard]] VoidResult removeItem(const std::filesystem::path& path) override;
     [[nodiscard]] Result<std::string> readFile(const std::filesystem::path& path) const override;
+    [[nodiscard]] Result<FileIdentity> fileIdentity(const std::filesystem::path& path) const override;
     [[nodiscard]] VoidResult writeFileAtomically(const std::filesystem::path& path,
                                                  std::string_view bytes) override;
     [[nodiscard]] Result<std::vector<DirectoryEntry>> listDirectory(
