@@ -1,0 +1,127 @@
+#include "contracts/FlowPromptAutomation.hpp"
+
+#include <functional>
+
+#include <gtest/gtest.h>
+
+#include "contracts/FlowPromptRuleBuilder.hpp"
+#include "tests/contracts/FlowPromptSamples.hpp"
+#include "tests/testsupport/SequentialUuidSource.hpp"
+
+namespace quillfort {
+namespace {
+
+using testing::sampleRequest;
+using Preset = FlowPromptAutomationPreset;
+using Environment = std::map<std::string, std::string>;
+
+constexpr const char* kResponse = "QUILLFORT_AGENT_AUTOMATION_RESPONSE";
+constexpr const char* kHost = "QUILLFORT_AUTOMATION_RULE_HOST";
+constexpr const char* kPort = "QUILLFORT_AUTOMATION_RULE_PORT";
+
+TEST(AutomationDirective, ReadsMessyEnvironmentValues) {
+    using Focus = FlowPromptAutomationFocus;
+    struct Case {
+        Environment environment;
+        std::optional<FlowPromptAutomationDirective> expected;
+    };
+    const Case cases[] = {
+        {{}, std::nullopt},
+        {{{kResponse, " \tAllow-SESSION\r\n"}}, FlowPromptAutomationDirective{Preset::allowSession, std::nullopt}},
+        {{{kResponse, "allow"}}, std::nullopt},
+        {{{kResponse, ""}, {kHost, "example.com"}}, std::nullopt},
+        {{{kResponse, "block-permanent"}, {kHost, " [FE80::1]\n"}, {kPort, " +8443\n"}},
+         FlowPromptAutomationDirective{Preset::blockPermanent, Focus{"fe80::1", 8443}}},
+        {{{kResponse, "allow-once"}, {kHost, "Example.com"}, {kPort, "70000"}},
+         FlowPromptAutomationDirective{Preset::allowOnce, Focus{"example.com", std::nullopt}}},
+        {{{kResponse, "allow-once"}, {kHost, "example.com"}, {kPort, "-1"}},
+         FlowPromptAutomationDirective{Preset::allowOnce, Focus{"example.com", std::nullopt}}},
+        {{{kResponse, "block-once"}, {kHost, " [] "}, {kPort, "443"}},
+         FlowPromptAutomationDirective{Preset::blockOnce, std::nullopt}},
+    };
+    for (const auto& c : cases) {
+        const auto directive = FlowPromptAutomationDirective::fromEnvironment(c.environment);
+        EXPECT_EQ(directive, c.expected) << ::testing::PrintToString(c.environment);
+    }
+}
+
+TEST(AutomationFocus, MatchesTheNormalisedHostAndThePortWhenGiven) {
+    struct Case {
+        const char* what;
+        std::optional<std::string> focusHost;
+        std::optional<std::uint16_t> focusPort;
+        std::function<void(FlowPromptRequest&)> edit;
+        bool matches;
+    };
+    const auto endpointOnly = [](const char* host, std::uint16_t port) {
+        return [=](FlowPromptRequest& r) {
+            r.context.matchedHostname.reset();
+            r.context.flow.port.reset();
+            r.context.flow.remoteEndpoint = NetworkEndpoint{host, port};
+        };
+    };
+    const Case cases[] = {
+        {"bracketed IPv6, any port", "[::1]", std::nullopt, endpointOnly("::1", 9999), true},
+        {"both hosts normalised, same port", "Example.COM", 443,
+         [](auto& r) { r.context.matchedHostname = " example.COM\n"; }, true},
+        {"other port", "api.example.com", 443, [](auto& r) { r.context.flow.port = 80; }, false},
+        {"port from the endpoint", "api.example.com", 443, [](auto& r) { r.context.flow.port.reset(); }, true},
+        {"no port at all", "api.example.com", 443,
+         [](auto& r) { r.context.flow.port.reset(), r.context.flow.remoteEndpoint.reset(); }, false},
+        {"matched host name wins over host text", "example.com", std::nullopt,
+         [](auto& r) { r.context.matchedHostname = "other.com", r.context.flow.hostText = "example.com"; }, false},
+        {"no host", "api.example.com", std::nullopt,
+         [](auto& r) { r.context.matchedHostname.reset(), r.context.flow.remoteEndpoint.reset(); }, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.what);
+        const auto focus = FlowPromptAutomationFocus::make(c.focusHost, c.focusPort);
+        ASSERT_TRUE(focus);
+        auto request = sampleRequest();
+        c.edit(request);
+        EXPECT_EQ(focus->matches(request), c.matches);
+        const FlowPromptAutomationDirective directive{Preset::allowOnce, focus};
+        EXPECT_EQ(directive.makeResponseIfMatch(request).has_value(), c.matches);
+    }
+    EXPECT_EQ(FlowPromptAutomationFocus::make(std::nullopt, 443), std::nullopt);
+    EXPECT_EQ(FlowPromptAutomationFocus::make(" \n", 443), std::nullopt);
+}
+
+TEST(AutomationPreset, MakesTheCannedAnswerWithTheDefaultRule) {
+    struct Case {
+        Preset preset;
+        RuleAction action;
+        RuleScope scope;
+    };
+    const Case cases[] = {
+        {Preset::allowOnce, RuleAction::allow, RuleScope::temporary},
+        {Preset::allowSession, RuleAction::allow, RuleScope::session},
+        {Preset::allowPermanent, RuleAction::allow, RuleScope::persistent},
+        {Preset::blockOnce, RuleAction::drop, RuleScope::temporary},
+        {Preset::blockSession, RuleAction::drop, RuleScope::session},
+        {Preset::blockPermanent, RuleAction::drop, RuleScope::persistent},
+    };
+    const auto request = sampleRequest();
+    const auto selection = FlowPromptRuleBuilder::defaultSelection(request);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(rawValue(c.preset));
+        testing::SequentialUuidSource ids;
+        const auto response = makeResponse(c.preset, request, ids);
+        EXPECT_EQ(response.promptID, request.id);
+        EXPECT_EQ(response.action, c.action);
+        EXPECT_EQ(response.scope, c.scope);
+        EXPECT_EQ(response.persist, c.scope == RuleScope::persistent);
+        if (c.scope == RuleScope::temporary) {
+            EXPECT_EQ(response.ruleSelection, std::nullopt);
+            EXPECT_EQ(response.suggestedRule, std::nullopt);
+        } else {
+            EXPECT_EQ(response.ruleSelection, selection);
+            testing::SequentialUuidSource sameIds;
+            EXPECT_EQ(response.suggestedRule,
+                      FlowPromptRuleBuilder::buildSuggestedRule(request, c.action, c.scope, selection, sameIds));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace quillfort
