@@ -41,31 +41,35 @@ std::string Bytes::base64() const {
 
 std::optional<Bytes> Bytes::fromBase64(std::string_view text) {
     if (text.size() % 4 != 0) return std::nullopt;
-    Bytes bytes;
-    bytes.value.reserve(text.size() / 4 * 3);
-    for (std::size_t i = 0; i < text.size(); i += 4) {
-        const bool last = i + 4 == text.size();
-        int v[4];
-        int padding = 0;
-        for (int k = 0; k < 4; ++k) {
-            char c = text[i + k];
-            if (c == '=') {
-                // Padding may only close the final quantum, in its last one or two places.
-                if (!last || k < 2) return std::nullopt;
-                ++padding;
-                v[k] = 0;
-                continue;
-            }
-            if (padding > 0) return std::nullopt;
-            v[k] = kDecode[static_cast<unsigned char>(c)];
-            if (v[k] < 0) return std::nullopt;
-        }
-        std::uint32_t n = (v[0] << 18) | (v[1] << 12) | (v[2] << 6) | v[3];
-        bytes.value.push_back(static_cast<std::uint8_t>(n >> 16));
-        if (padding < 2) bytes.value.push_back(static_cast<std::uint8_t>(n >> 8));
-        if (padding < 1) bytes.value.push_back(static_cast<std::uint8_t>(n));
+    if (text.empty()) return Bytes{};
+    const std::size_t lastQuantum = text.size() - 4;
+    std::vector<std::uint8_t> out(text.size() / 4 * 3);
+    std::size_t o = 0;
+    auto at = [&](std::size_t i) { return kDecode[static_cast<unsigned char>(text[i])]; };
+    // Every quantum but the last has four alphabet characters; '=' maps to -1 here too.
+    for (std::size_t i = 0; i < lastQuantum; i += 4) {
+        const int a = at(i), b = at(i + 1), c = at(i + 2), d = at(i + 3);
+        if ((a | b | c | d) < 0) return std::nullopt;
+        const std::uint32_t n = (a << 18) | (b << 12) | (c << 6) | d;
+        out[o++] = static_cast<std::uint8_t>(n >> 16);
+        out[o++] = static_cast<std::uint8_t>(n >> 8);
+        out[o++] = static_cast<std::uint8_t>(n);
     }
-    return bytes;
+    // Padding may only close the final quantum, in its last one or two places.
+    const char third = text[lastQuantum + 2];
+    const char fourth = text[lastQuantum + 3];
+    const int padding = fourth != '=' ? 0 : third == '=' ? 2 : 1;
+    if (padding == 0 && third == '=') return std::nullopt;
+    const int a = at(lastQuantum), b = at(lastQuantum + 1);
+    const int c = padding == 2 ? 0 : at(lastQuantum + 2);
+    const int d = padding >= 1 ? 0 : at(lastQuantum + 3);
+    if ((a | b | c | d) < 0) return std::nullopt;
+    const std::uint32_t n = (a << 18) | (b << 12) | (c << 6) | d;
+    out[o++] = static_cast<std::uint8_t>(n >> 16);
+    if (padding < 2) out[o++] = static_cast<std::uint8_t>(n >> 8);
+    if (padding < 1) out[o++] = static_cast<std::uint8_t>(n);
+    out.resize(o);
+    return Bytes(std::move(out));
 }
 
 std::ostream& operator<<(std::ostream& out, const Bytes& bytes) { return out << bytes.base64(); }

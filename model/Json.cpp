@@ -1,8 +1,11 @@
 #include "model/Json.hpp"
 
 #include <algorithm>
+#include <charconv>
 
-#include <boost/json/parse.hpp>
+#include <boost/json/basic_parser_impl.hpp>
+#include <boost/json/monotonic_resource.hpp>
+#include <boost/json/value_stack.hpp>
 #include <boost/json/serialize.hpp>
 #include <fmt/format.h>
 
@@ -208,11 +211,111 @@ std::string serializePretty(const json::value& value) {
     return out;
 }
 
+namespace {
+
+// Builds the value tree like boost::json::parse, but reads every non-integral
+// number again with std::from_chars: the parser's own conversion can be one
+// unit in the last place off, and a double we wrote must read back unchanged.
+class ValueBuilder {
+public:
+    static constexpr std::size_t max_object_size = json::object::max_size();
+    static constexpr std::size_t max_array_size = json::array::max_size();
+    static constexpr std::size_t max_key_size = json::string::max_size();
+    static constexpr std::size_t max_string_size = json::string::max_size();
+
+    ValueBuilder(unsigned char* scratch, std::size_t scratchSize) : stack_({}, scratch, scratchSize) {}
+
+    json::value_stack& stack() noexcept { return stack_; }
+
+    bool on_document_begin(json::error_code&) { return true; }
+    bool on_document_end(json::error_code&) { return true; }
+    bool on_object_begin(json::error_code&) { return true; }
+    bool on_object_end(std::size_t n, json::error_code&) {
+        stack_.push_object(n);
+        return true;
+    }
+    bool on_array_begin(json::error_code&) { return true; }
+    bool on_array_end(std::size_t n, json::error_code&) {
+        stack_.push_array(n);
+        return true;
+    }
+    bool on_key_part(json::string_view s, std::size_t, json::error_code&) {
+        stack_.push_chars(s);
+        return true;
+    }
+    bool on_key(json::string_view s, std::size_t, json::error_code&) {
+        stack_.push_key(s);
+        return true;
+    }
+    bool on_string_part(json::string_view s, std::size_t, json::error_code&) {
+        stack_.push_chars(s);
+        return true;
+    }
+    bool on_string(json::string_view s, std::size_t, json::error_code&) {
+        stack_.push_string(s);
+        return true;
+    }
+    bool on_number_part(json::string_view s, json::error_code&) {
+        number_.append(s.data(), s.size());
+        return true;
+    }
+    bool on_int64(std::int64_t i, json::string_view, json::error_code&) {
+        number_.clear();
+        stack_.push_int64(i);
+        return true;
+    }
+    bool on_uint64(std::uint64_t u, json::string_view, json::error_code&) {
+        number_.clear();
+        stack_.push_uint64(u);
+        return true;
+    }
+    bool on_double(double parsed, json::string_view s, json::error_code&) {
+        const char* begin = s.data();
+        const char* end = s.data() + s.size();
+        if (!number_.empty()) {
+            number_.append(s.data(), s.size());
+            begin = number_.data();
+            end = number_.data() + number_.size();
+        }
+        double exact = 0;
+        auto [stop, ec] = std::from_chars(begin, end, exact);
+        // Out of range (1e999) keeps whatever the parser made of it.
+        stack_.push_double(ec == std::errc{} && stop == end ? exact : parsed);
+        number_.clear();
+        return true;
+    }
+    bool on_bool(bool b, json::error_code&) {
+        stack_.push_bool(b);
+        return true;
+    }
+    bool on_null(json::error_code&) {
+        stack_.push_null();
+        return true;
+    }
+    bool on_comment_part(json::string_view, json::error_code&) { return true; }
+    bool on_comment(json::string_view, json::error_code&) { return true; }
+
+private:
+    json::value_stack stack_;
+    std::string number_;  // a number split across writes; ours come whole
+};
+
+}  // namespace
+
 JsonResult<json::value> parseJson(std::string_view text) {
+    // The tree lives in one arena that it owns (shared, so copies of any part
+    // keep it alive): decoding reads the tree once and drops it, and the arena
+    // makes building and freeing it a fraction of the cost of one allocation
+    // per node.
+    json::storage_ptr arena = json::make_shared_resource<json::monotonic_resource>(text.size() + 1024);
+    unsigned char scratch[4096];
+    json::basic_parser<ValueBuilder> parser(json::parse_options{}, scratch, sizeof scratch);
+    parser.handler().stack().reset(std::move(arena));
     boost::system::error_code ec;
-    json::value value = json::parse(json::string_view(text.data(), text.size()), ec);
+    std::size_t used = parser.write_some(false, text.data(), text.size(), ec);
+    if (!ec && used < text.size()) ec = json::error::extra_data;
     if (ec) return jsonFailure("invalid JSON: " + ec.message());
-    return value;
+    return parser.handler().stack().release();
 }
 
 }  // namespace quillfort

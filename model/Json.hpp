@@ -264,6 +264,25 @@ struct IsOptional<std::optional<T>> : std::true_type {
     return object.if_contains(json::string_view(key.data(), key.size()));
 }
 
+// Our writers put keys in field order, so while decoding a struct the entry
+// after the last one found is almost always the next field: try it before
+// searching. `cursor` is that entry's index.
+[[nodiscard]] inline const json::value* findKey(const json::object& object, std::size_t& cursor,
+                                                std::string_view key) {
+    const json::string_view wanted(key.data(), key.size());
+    if (cursor < object.size()) {
+        const json::key_value_pair& next = object.begin()[cursor];
+        if (next.key() == wanted) {
+            ++cursor;
+            return &next.value();
+        }
+    }
+    auto found = object.find(wanted);
+    if (found == object.end()) return nullptr;
+    cursor = static_cast<std::size_t>(found - object.begin()) + 1;
+    return &found->value();
+}
+
 template <class Owner, class Member>
 void encodeField(json::object& out, const Owner& owner, const JsonField<Owner, Member>& field) {
     const Member& value = owner.*(field.member);
@@ -276,9 +295,9 @@ void encodeField(json::object& out, const Owner& owner, const JsonField<Owner, M
 }
 
 template <class Owner, class Member>
-bool decodeField(const json::object& in, Owner& owner, const JsonField<Owner, Member>& field,
+bool decodeField(const json::object& in, std::size_t& cursor, Owner& owner, const JsonField<Owner, Member>& field,
                  std::optional<JsonError>& error) {
-    const json::value* jv = findKey(in, field.name);
+    const json::value* jv = findKey(in, cursor, field.name);
     Member& target = owner.*(field.member);
     if constexpr (IsOptional<Member>::value) {
         if (jv == nullptr || jv->is_null()) {
@@ -326,8 +345,10 @@ struct JsonCodec<T> {
         if (object == nullptr) return jsonFailure("expected an object, found " + jsonKindName(jv));
         T value{};
         std::optional<JsonError> error;
-        std::apply([&](const auto&... field) { (detail::decodeField(*object, value, field, error) && ...); },
-                   JsonFields<T>::fields);
+        std::size_t cursor = 0;
+        std::apply(
+            [&](const auto&... field) { (detail::decodeField(*object, cursor, value, field, error) && ...); },
+            JsonFields<T>::fields);
         if (error) return std::unexpected(std::move(*error));
         return value;
     }
