@@ -1,0 +1,190 @@
+#include "model/FlowContext.hpp"
+
+#include <functional>
+
+#include <boost/json/parse.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/testsupport/ModelSamples.hpp"
+
+namespace quillfort {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::sampleDate;
+using testing::sampleFlowContext;
+
+json::object sampleObject() { return boost::json::parse(encodeCompact(sampleFlowContext())).as_object(); }
+
+json::object& child(json::object& parent, std::string_view key) { return parent.at(key).as_object(); }
+json::object& node(json::object& root) { return child(root, "matchedProcessNode"); }
+json::object& identity(json::object& root) { return child(node(root), "identity"); }
+json::object& ancestor(json::object& root, std::size_t index) {
+    return root.at("ancestorChain").as_array().at(index).as_object();
+}
+
+TEST(FlowContext, RoundTripsInBothForms) {
+    auto context = sampleFlowContext();
+    EXPECT_EQ(decodeJson<FlowContext>(encodeCompact(context)), context);
+    EXPECT_EQ(decodeJson<FlowContext>(encodePretty(context)), context);
+
+    FlowContext bare;
+    bare.flow.extensionGeneratedID = "";
+    bare.flow.direction = FlowDirection::inbound;
+    bare.flow.transportProtocol = TransportProtocol::unknown;
+    bare.flow.timestamp = sampleDate();
+    bare.networkProfile = NetworkProfile::untrusted;
+    EXPECT_EQ(encodeCompact(bare),
+              R"({"flow":{"extensionGeneratedID":"","direction":"inbound","transportProtocol":"unknown",)"
+              R"("timestamp":"2026-03-01T12:00:00Z"},"ancestorChain":[],"dnsConfidence":"unknown",)"
+              R"("networkProfile":"untrusted"})");
+    EXPECT_EQ(decodeJson<FlowContext>(encodeCompact(bare)), bare);
+}
+
+TEST(FlowContext, WritesEndpointsAsHostAndPort) {
+    auto written = sampleObject();
+    EXPECT_EQ(serializeCompact(child(written, "flow").at("remoteEndpoint")), R"({"host":"93.184.216.34","port":443})");
+}
+
+struct BadDecode {
+    std::string_view label;
+    std::function<void(json::object&)> spoil;
+    std::string_view path;
+    std::string_view reason;
+};
+
+TEST(FlowContext, DecodeFailuresNameTheKeyAndTheFault) {
+    const BadDecode cases[] = {
+        {"ancestor chain missing", [](auto& o) { o.erase("ancestorChain"); }, "ancestorChain", "missing required key"},
+        {"flow missing", [](auto& o) { o.erase("flow"); }, "flow", "missing required key"},
+        {"unknown protocol", [](auto& o) { child(o, "flow")["transportProtocol"] = "quic"; },
+         "flow.transportProtocol", "unknown value \"quic\""},
+        {"direction in another case", [](auto& o) { child(o, "flow")["direction"] = "Outbound"; }, "flow.direction",
+         "unknown value \"Outbound\""},
+        {"profile by its code name", [](auto& o) { o["networkProfile"] = "defaultProfile"; }, "networkProfile",
+         "unknown value \"defaultProfile\""},
+        {"port beyond 16 bits", [](auto& o) { child(o, "flow")["port"] = 70000; }, "flow.port",
+         "value 70000 out of range"},
+        {"negative endpoint port", [](auto& o) { child(child(o, "flow"), "remoteEndpoint")["port"] = -1; },
+         "flow.remoteEndpoint.port", "value -1 out of range"},
+        {"endpoint without host", [](auto& o) { child(child(o, "flow"), "localEndpoint").erase("host"); },
+         "flow.localEndpoint.host", "missing required key"},
+        {"negative userID", [](auto& o) { identity(o)["userID"] = -1; }, "matchedProcessNode.identity.userID",
+         "value -1 out of range"},
+        {"pid beyond 32 bits", [](auto& o) { identity(o)["pid"] = 2147483648ll; }, "matchedProcessNode.identity.pid",
+         "value 2147483648 out of range"},
+        {"fractional pid", [](auto& o) { identity(o)["pid"] = 12.5; }, "matchedProcessNode.identity.pid", ""},
+        {"bad base64 token", [](auto& o) { identity(o)["auditToken"] = "not base64!"; },
+         "matchedProcessNode.identity.auditToken", "invalid base64 data"},
+        {"unpadded base64 child token", [](auto& o) { node(o)["childAuditTokens"] = json::array{"AQID", "AQ"}; },
+         "matchedProcessNode.childAuditTokens[1]", "invalid base64 data"},
+        {"argv missing", [](auto& o) { identity(o).erase("argv"); }, "matchedProcessNode.identity.argv",
+         "missing required key"},
+        {"argv not a list", [](auto& o) { identity(o)["argv"] = "curl -s"; }, "matchedProcessNode.identity.argv",
+         "expected an array, found a string"},
+        {"argv entry a number", [](auto& o) { identity(o)["argv"] = json::array{"curl", 1}; },
+         "matchedProcessNode.identity.argv[1]", "expected a string, found a number"},
+        {"tags missing", [](auto& o) { node(o).erase("tags"); }, "matchedProcessNode.tags", "missing required key"},
+        {"unknown tag", [](auto& o) { ancestor(o, 0)["tags"] = json::array{"shell", "Terminal"}; },
+         "ancestorChain[0].tags[1]", "unknown value \"Terminal\""},
+        {"impossible ancestor date", [](auto& o) { child(ancestor(o, 2), "identity")["launchTime"] = "2026-02-30T00:00:00Z"; },
+         "ancestorChain[2].identity.launchTime", "invalid ISO 8601 date \"2026-02-30T00:00:00Z\""},
+        {"date as a number", [](auto& o) { child(o, "flow")["timestamp"] = 1772366400; }, "flow.timestamp",
+         "expected an ISO 8601 date, found a number"},
+        {"required key null", [](auto& o) { child(o, "flow")["extensionGeneratedID"] = nullptr; },
+         "flow.extensionGeneratedID", "expected a string, found null"},
+        {"state unknown", [](auto& o) { node(o)["state"] = "zombie"; }, "matchedProcessNode.state",
+         "unknown value \"zombie\""},
+        {"optional of the wrong type", [](auto& o) { o["matchedHostname"] = true; }, "matchedHostname",
+         "expected a string, found a boolean"},
+        {"ancestor not an object", [](auto& o) { o["ancestorChain"] = json::array{json::array{}}; }, "ancestorChain[0]",
+         "expected an object, found an array"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        auto object = sampleObject();
+        c.spoil(object);
+        auto decoded = decodeJson<FlowContext>(serializeCompact(object));
+        ASSERT_FALSE(decoded);
+        EXPECT_EQ(decoded.error().path, c.path);
+        if (!c.reason.empty()) {
+            EXPECT_EQ(decoded.error().reason, c.reason);
+        }
+    }
+}
+
+TEST(FlowContext, EmptyAncestorChainAndMissingOptionalsDecode) {
+    auto object = sampleObject();
+    object["ancestorChain"] = json::array{};
+    object.erase("matchedProcessNode");
+    object["matchedHostname"] = nullptr;
+    for (auto key : {"sourceAppAuditToken", "sourceProcessAuditToken", "localEndpoint", "remoteEndpoint", "hostText",
+                     "port"})
+        child(object, "flow").erase(key);
+    auto decoded = decodeJson<FlowContext>(serializeCompact(object));
+    ASSERT_TRUE(decoded) << decoded.error();
+    EXPECT_TRUE(decoded->ancestorChain.empty());
+    EXPECT_EQ(decoded->matchedProcessNode, std::nullopt);
+    EXPECT_EQ(decoded->host(), std::nullopt);
+    EXPECT_EQ(decoded->port(), std::nullopt);
+}
+
+TEST(FlowContext, HostAndPortPreferTheMostSpecificSource) {
+    struct Case {
+        std::optional<std::string> matchedHostname, hostText;
+        std::optional<NetworkEndpoint> remote;
+        std::optional<std::uint16_t> port;
+        std::optional<std::string> expectedHost;
+        std::optional<std::uint16_t> expectedPort;
+    };
+    const NetworkEndpoint remote{"10.0.0.1", 8443};
+    const Case cases[] = {
+        {"matched", "text", remote, 443, "matched", 443},
+        {std::nullopt, "text", remote, std::nullopt, "text", 8443},
+        {std::nullopt, std::nullopt, remote, 0, "10.0.0.1", 0},
+        {"", "text", std::nullopt, 80, "", 80},  // present but empty still wins
+        {std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt, std::nullopt},
+    };
+    for (const auto& c : cases) {
+        FlowContext context;
+        context.matchedHostname = c.matchedHostname;
+        context.flow.hostText = c.hostText;
+        context.flow.remoteEndpoint = c.remote;
+        context.flow.port = c.port;
+        EXPECT_EQ(context.host(), c.expectedHost);
+        EXPECT_EQ(context.port(), c.expectedPort);
+    }
+}
+
+TEST(FlowContext, EqualityAndHashingCoverNestedValues) {
+    const auto base = sampleFlowContext();
+    auto tags = base;
+    tags.ancestorChain[1].tags.insert(ProcessTag::ssh);
+    auto order = base;
+    std::swap(order.ancestorChain[0], order.ancestorChain[2]);
+    auto endpoint = base;
+    endpoint.flow.localEndpoint->port += 1;
+    for (const auto* other : {&tags, &order, &endpoint}) {
+        EXPECT_NE(*other, base);
+        EXPECT_NE(std::hash<FlowContext>{}(*other), std::hash<FlowContext>{}(base));
+    }
+    EXPECT_EQ(std::hash<FlowContext>{}(sampleFlowContext()), std::hash<FlowContext>{}(base));
+}
+
+TEST(FlowEnumerations, RawStringsAndOrder) {
+    auto raw = [](auto cases) {
+        std::vector<std::string_view> out;
+        for (auto value : cases) out.push_back(rawValue(value));
+        return out;
+    };
+    EXPECT_THAT(raw(allCases<FlowDirection>()), ElementsAre("inbound", "outbound"));
+    EXPECT_THAT(raw(allCases<TransportProtocol>()), ElementsAre("tcp", "udp", "unknown"));
+    EXPECT_THAT(raw(allCases<DNSConfidence>()), ElementsAre("exact", "correlated", "guessed", "unknown"));
+    EXPECT_THAT(raw(allCases<NetworkProfile>()), ElementsAre("default", "trusted", "untrusted"));
+    EXPECT_EQ(fromRawValue<NetworkProfile>("default"), NetworkProfile::defaultProfile);
+    EXPECT_EQ(fromRawValue<TransportProtocol>("TCP"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace quillfort

@@ -1,0 +1,145 @@
+#include "model/ProcessIdentity.hpp"
+
+#include <unordered_set>
+
+#include <boost/json/parse.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/testsupport/ModelSamples.hpp"
+
+namespace quillfort {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::UnorderedElementsAre;
+using testing::sampleAuditToken;
+using testing::sampleDate;
+using testing::sampleProcessIdentity;
+using testing::sampleProcessNode;
+
+template <class T>
+void expectRoundTrips(const T& value) {
+    EXPECT_EQ(decodeJson<T>(encodeCompact(value)), value);
+    EXPECT_EQ(decodeJson<T>(encodePretty(value)), value);
+}
+
+ProcessIdentity minimalIdentity() {
+    ProcessIdentity identity;
+    identity.pid = 1;
+    identity.auditToken = Bytes{0xde, 0xad};
+    identity.executablePath = "/sbin/launchd";
+    identity.launchTime = sampleDate();
+    return identity;
+}
+
+TEST(ProcessIdentity, RoundTripsWithEveryFieldSetOrAbsent) {
+    expectRoundTrips(sampleProcessIdentity());
+    expectRoundTrips(minimalIdentity());
+    auto extremes = minimalIdentity();
+    extremes.pid = -2147483647 - 1;
+    extremes.userID = 4294967295u;
+    extremes.auditToken = Bytes{};
+    extremes.argv = {"", "with space", "ünï\"code\n"};
+    expectRoundTrips(extremes);
+}
+
+TEST(ProcessIdentity, WithoutOptionalsWritesOnlyTheRequiredKeys) {
+    EXPECT_EQ(encodeCompact(minimalIdentity()),
+              R"({"pid":1,"auditToken":"3q0=","executablePath":"/sbin/launchd","argv":[],)"
+              R"("launchTime":"2026-03-01T12:00:00Z"})");
+}
+
+TEST(ProcessIdentity, NullOptionalsReadAsAbsent) {
+    auto decoded = decodeJson<ProcessIdentity>(
+        R"({"pid":1,"auditToken":"3q0=","executablePath":"/sbin/launchd","argv":[],"launchTime":"2026-03-01T12:00:00Z",)"
+        R"("bundleID":null,"userID":null,"parentAuditToken":null,"responsibleAuditToken":null,"futureKey":{"x":1}})");
+    ASSERT_TRUE(decoded) << decoded.error();
+    EXPECT_EQ(*decoded, minimalIdentity());
+}
+
+TEST(ProcessIdentity, ArgvOrderMatters) {
+    auto a = sampleProcessIdentity();
+    auto b = a;
+    std::swap(b.argv[1], b.argv[2]);
+    EXPECT_NE(a, b);
+    EXPECT_NE(std::hash<ProcessIdentity>{}(a), std::hash<ProcessIdentity>{}(b));
+    EXPECT_THAT(decodeJson<ProcessIdentity>(encodeCompact(b))->argv,
+                ElementsAre("curl", "https://api.example.com/v1", "-s"));
+}
+
+TEST(ProcessIdentity, EveryFieldTakesPartInEquality) {
+    const auto base = sampleProcessIdentity();
+    std::vector<std::function<void(ProcessIdentity&)>> changes = {
+        [](auto& p) { p.pid += 1; },
+        [](auto& p) { p.auditToken = sampleAuditToken(7); },
+        [](auto& p) { p.executablePath += "2"; },
+        [](auto& p) { p.bundleID = "com.example"; },
+        [](auto& p) { p.signingID.reset(); },
+        [](auto& p) { p.teamID = "OTHER"; },
+        [](auto& p) { p.cdHash = "ab"; },
+        [](auto& p) { p.userID = 0; },
+        [](auto& p) { p.tty.reset(); },
+        [](auto& p) { p.cwd = "/"; },
+        [](auto& p) { p.argv.pop_back(); },
+        [](auto& p) { p.scriptPath = "x.py"; },
+        [](auto& p) { p.parentAuditToken.reset(); },
+        [](auto& p) { p.responsibleAuditToken = p.auditToken; },
+        [](auto& p) { p.launchTime += std::chrono::seconds{1}; },
+    };
+    std::unordered_set<ProcessIdentity> distinct{base};
+    for (std::size_t i = 0; i < changes.size(); ++i) {
+        auto changed = base;
+        changes[i](changed);
+        EXPECT_NE(changed, base) << "change " << i;
+        distinct.insert(changed);
+    }
+    EXPECT_EQ(distinct.size(), changes.size() + 1);
+}
+
+TEST(ProcessNode, RoundTrips) {
+    expectRoundTrips(sampleProcessNode());
+    ProcessNode bare{minimalIdentity(), {}, std::nullopt, {}, ProcessState::exited};
+    expectRoundTrips(bare);
+}
+
+TEST(ProcessNode, TagsAreASetOnTheWire) {
+    const std::string prefix = R"({"identity":)" + encodeCompact(minimalIdentity()) + R"(,"tags":)";
+    const std::string suffix = R"(,"childAuditTokens":[],"state":"running"})";
+    auto a = decodeJson<ProcessNode>(prefix + R"(["git","terminal","git"])" + suffix);
+    auto b = decodeJson<ProcessNode>(prefix + R"(["terminal","git"])" + suffix);
+    ASSERT_TRUE(a) << a.error();
+    ASSERT_TRUE(b) << b.error();
+    EXPECT_THAT(a->tags, UnorderedElementsAre(ProcessTag::git, ProcessTag::terminal));
+    EXPECT_EQ(*a, *b);
+    EXPECT_EQ(std::hash<ProcessNode>{}(*a), std::hash<ProcessNode>{}(*b));
+
+    auto written = boost::json::parse(encodeCompact(*a));
+    EXPECT_EQ(written.at("tags").as_array().size(), 2u);
+}
+
+TEST(ProcessNode, ChildTokenOrderMatters) {
+    auto a = sampleProcessNode();
+    a.childAuditTokens = {sampleAuditToken(1), sampleAuditToken(2)};
+    auto b = a;
+    std::swap(b.childAuditTokens[0], b.childAuditTokens[1]);
+    EXPECT_NE(a, b);
+    expectRoundTrips(b);
+}
+
+TEST(ProcessTag, RawStringsAndOrder) {
+    std::vector<std::string_view> raw;
+    for (auto tag : allCases<ProcessTag>()) {
+        raw.push_back(rawValue(tag));
+        EXPECT_EQ(fromRawValue<ProcessTag>(rawValue(tag)), tag);
+    }
+    EXPECT_THAT(raw, ElementsAre("terminal", "warp", "gradleWrapper", "gradleDaemon", "javaGradle", "shell", "node",
+                                 "python", "git", "ssh"));
+    EXPECT_EQ(fromRawValue<ProcessTag>("Git"), std::nullopt);
+    EXPECT_EQ(fromRawValue<ProcessTag>(""), std::nullopt);
+    EXPECT_THAT(allCases<ProcessState>(), ElementsAre(ProcessState::running, ProcessState::exited));
+    EXPECT_EQ(rawValue(ProcessState::exited), "exited");
+}
+
+}  // namespace
+}  // namespace quillfort

@@ -1,0 +1,251 @@
+#include "model/Rule.hpp"
+
+#include <functional>
+#include <unordered_set>
+
+#include <boost/json/parse.hpp>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/testsupport/ModelSamples.hpp"
+
+namespace quillfort {
+namespace {
+
+using ::testing::ElementsAre;
+using testing::sampleRule;
+
+constexpr std::string_view kKeyCount = "Invalid number of keys found, expected one.";
+
+TEST(RuleSubject, EveryAlternativeIsAOneKeyObjectHoldingItsValueUnderZero) {
+    struct Case {
+        RuleSubject subject;
+        std::string_view json;
+    };
+    const Case cases[] = {
+        {RuleSubject::exactExecutable("/usr/bin/curl"), R"({"exactExecutable":{"_0":"/usr/bin/curl"}})"},
+        {RuleSubject::pathGlob("/opt/*/bin/*"), R"({"pathGlob":{"_0":"/opt/*/bin/*"}})"},
+        {RuleSubject::bundleID("com.apple.Terminal"), R"({"bundleID":{"_0":"com.apple.Terminal"}})"},
+        {RuleSubject::signingID("com.apple.curl"), R"({"signingID":{"_0":"com.apple.curl"}})"},
+        {RuleSubject::teamID("ABCDE12345"), R"({"teamID":{"_0":"ABCDE12345"}})"},
+        {RuleSubject::cdHash("a1b2"), R"({"cdHash":{"_0":"a1b2"}})"},
+        {RuleSubject::processTag(ProcessTag::gradleDaemon), R"({"processTag":{"_0":"gradleDaemon"}})"},
+        {RuleSubject::ancestorBundleID("com.googlecode.iterm2"), R"({"ancestorBundleID":{"_0":"com.googlecode.iterm2"}})"},
+        {RuleSubject::ancestorSigningID("com.apple.zsh"), R"({"ancestorSigningID":{"_0":"com.apple.zsh"}})"},
+        {RuleSubject::ancestorProcessTag(ProcessTag::javaGradle), R"({"ancestorProcessTag":{"_0":"javaGradle"}})"},
+        {RuleSubject::cwdPrefix("/Users/dev/"), R"({"cwdPrefix":{"_0":"/Users/dev/"}})"},
+        {RuleSubject::scriptPathSuffix("/manage.py"), R"({"scriptPathSuffix":{"_0":"/manage.py"}})"},
+        {RuleSubject::ttyPresent(false), R"({"ttyPresent":{"_0":false}})"},
+        {RuleSubject::ttyPresent(true), R"({"ttyPresent":{"_0":true}})"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(encodeCompact(c.subject), c.json);
+        EXPECT_EQ(decodeJson<RuleSubject>(c.json), c.subject) << c.json;
+    }
+}
+
+TEST(RuleDestination, EveryAlternativeIsAOneKeyObjectHoldingItsValueUnderZero) {
+    struct Case {
+        RuleDestination destination;
+        std::string_view json;
+    };
+    const Case cases[] = {
+        {RuleDestination::hostnameExact("api.example.com"), R"({"hostnameExact":{"_0":"api.example.com"}})"},
+        {RuleDestination::hostnameSuffix("example.com"), R"({"hostnameSuffix":{"_0":"example.com"}})"},
+        {RuleDestination::hostnameGlob("*.example.*"), R"({"hostnameGlob":{"_0":"*.example.*"}})"},
+        {RuleDestination::ipCIDR("10.0.0.0/8"), R"({"ipCIDR":{"_0":"10.0.0.0/8"}})"},
+        {RuleDestination::portExact(0), R"({"portExact":{"_0":0}})"},
+        {RuleDestination::portExact(65535), R"({"portExact":{"_0":65535}})"},
+        {RuleDestination::portRange({8000, 8080}), R"({"portRange":{"_0":{"lowerBound":8000,"upperBound":8080}}})"},
+        {RuleDestination::portRange({9000, 10}), R"({"portRange":{"_0":{"lowerBound":9000,"upperBound":10}}})"},
+        {RuleDestination::transportProtocol(TransportProtocol::udp), R"({"transportProtocol":{"_0":"udp"}})"},
+        {RuleDestination::direction(FlowDirection::inbound), R"({"direction":{"_0":"inbound"}})"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(encodeCompact(c.destination), c.json);
+        EXPECT_EQ(decodeJson<RuleDestination>(c.json), c.destination) << c.json;
+    }
+}
+
+TEST(RuleSubject, ReadsOnlyTheAlternativeKeys) {
+    EXPECT_EQ(decodeJson<RuleSubject>(R"({"comment":1,"teamID":{"_0":"T","extra":2},"_1":null})"),
+              RuleSubject::teamID("T"));
+    EXPECT_EQ(decodeJson<RuleDestination>(R"({"portExact":{"_0":22},"hostname":{"_0":"x"}})"),
+              RuleDestination::portExact(22));
+}
+
+TEST(RuleConditions, MalformedAlternativesFailWithPathAndReason) {
+    struct Case {
+        std::string_view json;
+        std::string_view path;
+        std::string_view reason;
+    };
+    const Case subjects[] = {
+        {R"({})", "", kKeyCount},
+        {R"({"bundleID":{"_0":"a"},"teamID":{"_0":"b"}})", "", kKeyCount},
+        {R"({"unknownThing":{"_0":"a"}})", "", kKeyCount},
+        {R"({"BundleID":{"_0":"a"}})", "", kKeyCount},
+        {R"({"bundleID":{}})", "bundleID._0", "missing required key"},
+        {R"({"bundleID":{"_1":"a"}})", "bundleID._0", "missing required key"},
+        {R"({"bundleID":"com.example"})", "bundleID", "expected an object, found a string"},
+        {R"({"bundleID":{"_0":null}})", "bundleID._0", "expected a string, found null"},
+        {R"({"ttyPresent":{"_0":"yes"}})", "ttyPresent._0", "expected a boolean, found a string"},
+        {R"({"ttyPresent":{"_0":1}})", "ttyPresent._0", "expected a boolean, found a number"},
+        {R"({"processTag":{"_0":"perl"}})", "processTag._0", "unknown value \"perl\""},
+        {R"(["bundleID"])", "", "expected an object, found an array"},
+    };
+    for (const auto& c : subjects) {
+        auto decoded = decodeJson<RuleSubject>(c.json);
+        ASSERT_FALSE(decoded) << c.json;
+        EXPECT_EQ(decoded.error(), (JsonError{std::string(c.path), std::string(c.reason)})) << c.json;
+    }
+    const Case destinations[] = {
+        {R"({})", "", kKeyCount},
+        {R"({"portExact":{"_0":1},"portRange":{"_0":{"lowerBound":1,"upperBound":2}}})", "", kKeyCount},
+        {R"({"portExact":{"_0":70000}})", "portExact._0", "value 70000 out of range"},
+        {R"({"portExact":{"_0":-1}})", "portExact._0", "value -1 out of range"},
+        {R"({"portExact":{"_0":"443"}})", "portExact._0", "expected an integer, found a string"},
+        {R"({"portRange":{"_0":{"lowerBound":1}}})", "portRange._0.upperBound", "missing required key"},
+        {R"({"portRange":{"_0":{"lowerBound":1,"upperBound":65536}}})", "portRange._0.upperBound",
+         "value 65536 out of range"},
+        {R"({"transportProtocol":{"_0":"quic"}})", "transportProtocol._0", "unknown value \"quic\""},
+        {R"({"direction":{"_0":"both"}})", "direction._0", "unknown value \"both\""},
+        {R"({"hostnameExact":{"_0":5}})", "hostnameExact._0", "expected a string, found a number"},
+    };
+    for (const auto& c : destinations) {
+        auto decoded = decodeJson<RuleDestination>(c.json);
+        ASSERT_FALSE(decoded) << c.json;
+        EXPECT_EQ(decoded.error(), (JsonError{std::string(c.path), std::string(c.reason)})) << c.json;
+    }
+}
+
+TEST(Rule, RoundTripsAndLeavesOutAbsentNotes) {
+    auto rule = sampleRule();
+    EXPECT_EQ(decodeJson<Rule>(encodeCompact(rule)), rule);
+    EXPECT_FALSE(boost::json::parse(encodeCompact(rule)).as_object().contains("notes"));
+
+    rule.notes = "made at 3am";
+    rule.enabled = false;
+    rule.action = RuleAction::ask;
+    rule.scope = RuleScope::session;
+    rule.origin = RuleOrigin::permissiveLearned;
+    rule.priority = std::numeric_limits<std::int64_t>::min();
+    rule.subject.clear();
+    rule.destination = {RuleDestination::portRange({1, 1023}), RuleDestination::direction(FlowDirection::outbound)};
+    EXPECT_EQ(decodeJson<Rule>(encodeCompact(rule)), rule);
+    EXPECT_EQ(decodeJson<Rule>(encodePretty(rule)), rule);
+}
+
+TEST(Rule, DecodeFailuresNameTheKeyAndTheFault) {
+    struct Case {
+        std::string_view label;
+        std::function<void(json::object&)> spoil;
+        std::string_view path;
+        std::string_view reason;
+    };
+    const Case cases[] = {
+        {"notes is the only optional", [](auto& o) { o.erase("priority"); }, "priority", "missing required key"},
+        {"no default for enabled", [](auto& o) { o.erase("enabled"); }, "enabled", "missing required key"},
+        {"subject list missing", [](auto& o) { o.erase("subject"); }, "subject", "missing required key"},
+        {"priority beyond int64", [](auto& o) { o["priority"] = 9223372036854775808ull; }, "priority",
+         "value 9223372036854775808 out of range"},
+        {"fractional priority", [](auto& o) { o["priority"] = 10000.5; }, "priority", ""},
+        {"priority as text", [](auto& o) { o["priority"] = "10000"; }, "priority", "expected an integer, found a string"},
+        {"id without hyphens", [](auto& o) { o["id"] = "00000000000040008000000000000001"; }, "id",
+         "invalid UUID \"00000000000040008000000000000001\""},
+        {"id in braces", [](auto& o) { o["id"] = "{00000000-0000-4000-8000-000000000001}"; }, "id", ""},
+        {"id null", [](auto& o) { o["id"] = nullptr; }, "id", "expected a UUID string, found null"},
+        {"action in capitals", [](auto& o) { o["action"] = "ALLOW"; }, "action", "unknown value \"ALLOW\""},
+        {"scope unknown", [](auto& o) { o["scope"] = "forever"; }, "scope", "unknown value \"forever\""},
+        {"origin unknown", [](auto& o) { o["origin"] = "prompt"; }, "origin", "unknown value \"prompt\""},
+        {"notes a number", [](auto& o) { o["notes"] = 1; }, "notes", "expected a string, found a number"},
+        {"two-key subject", [](auto& o) {
+             o["subject"].as_array()[1] = boost::json::parse(R"({"bundleID":{"_0":"a"},"teamID":{"_0":"b"}})");
+         }, "subject[1]", kKeyCount},
+        {"destination not a list", [](auto& o) { o["destination"] = boost::json::parse(R"({"portExact":{"_0":1}})"); },
+         "destination", "expected an array, found an object"},
+        {"port out of range", [](auto& o) { o["destination"].as_array()[1] = boost::json::parse(R"({"portExact":{"_0":70000}})"); },
+         "destination[1].portExact._0", "value 70000 out of range"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.label);
+        auto object = boost::json::parse(encodeCompact(sampleRule())).as_object();
+        c.spoil(object);
+        auto decoded = decodeJson<Rule>(serializeCompact(object));
+        ASSERT_FALSE(decoded);
+        EXPECT_EQ(decoded.error().path, c.path);
+        if (!c.reason.empty()) {
+            EXPECT_EQ(decoded.error().reason, c.reason);
+        }
+    }
+}
+
+TEST(Rule, NullNotesAndUnknownKeysAreAccepted) {
+    auto object = boost::json::parse(encodeCompact(sampleRule())).as_object();
+    object["notes"] = nullptr;
+    object["schemaHint"] = "ignored";
+    EXPECT_EQ(decodeJson<Rule>(serializeCompact(object)), sampleRule());
+}
+
+TEST(RuleConditions, EqualityNeedsTheSameAlternativeAndValue) {
+    EXPECT_EQ(RuleSubject::bundleID("x"), RuleSubject::bundleID("x"));
+    EXPECT_NE(RuleSubject::bundleID("x"), RuleSubject::ancestorBundleID("x"));
+    EXPECT_NE(RuleSubject::bundleID("x"), RuleSubject::bundleID("X"));
+    EXPECT_NE(RuleSubject::processTag(ProcessTag::git), RuleSubject::ancestorProcessTag(ProcessTag::git));
+    EXPECT_NE(RuleDestination::hostnameExact("a.com"), RuleDestination::hostnameSuffix("a.com"));
+    EXPECT_NE(RuleDestination::portExact(80), RuleDestination::portRange({80, 80}));
+
+    std::unordered_set<RuleSubject> subjects{RuleSubject::bundleID("x"), RuleSubject::ancestorBundleID("x"),
+                                             RuleSubject::bundleID("x"), RuleSubject::ttyPresent(true),
+                                             RuleSubject::ttyPresent(false)};
+    EXPECT_EQ(subjects.size(), 4u);
+    std::unordered_set<RuleDestination> destinations{RuleDestination::portExact(80), RuleDestination::portExact(80),
+                                                     RuleDestination::portRange({80, 80}),
+                                                     RuleDestination::portRange({80, 81})};
+    EXPECT_EQ(destinations.size(), 3u);
+}
+
+TEST(Rule, EqualityAndHashingCoverConditionOrder) {
+    const auto base = sampleRule();
+    auto reordered = base;
+    std::swap(reordered.destination[0], reordered.destination[2]);
+    auto annotated = base;
+    annotated.notes = "";
+    EXPECT_NE(reordered, base);
+    EXPECT_NE(annotated, base);
+    std::unordered_set<Rule> rules{base, sampleRule(), reordered, annotated};
+    EXPECT_EQ(rules.size(), 3u);
+}
+
+TEST(PortRange, ContainsBothBoundsAndNothingWhenInverted) {
+    struct Case {
+        PortRange range;
+        std::uint16_t port;
+        bool contained;
+    };
+    const Case cases[] = {
+        {{8000, 8080}, 8000, true},   {{8000, 8080}, 8080, true},  {{8000, 8080}, 8040, true},
+        {{8000, 8080}, 7999, false},  {{8000, 8080}, 8081, false}, {{443, 443}, 443, true},
+        {{443, 443}, 444, false},     {{0, 65535}, 0, true},       {{0, 65535}, 65535, true},
+        {{8080, 8000}, 8000, false},  {{8080, 8000}, 8040, false}, {{8080, 8000}, 8080, false},
+        {{65535, 0}, 0, false},       {{65535, 0}, 65535, false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.range.contains(c.port), c.contained)
+            << c.range.lowerBound << "..." << c.range.upperBound << " / " << c.port;
+}
+
+TEST(RuleEnumerations, RawStringsAndOrder) {
+    auto raw = [](auto cases) {
+        std::vector<std::string_view> out;
+        for (auto value : cases) out.push_back(rawValue(value));
+        return out;
+    };
+    EXPECT_THAT(raw(allCases<RuleAction>()), ElementsAre("allow", "drop", "ask"));
+    EXPECT_THAT(raw(allCases<RuleScope>()), ElementsAre("session", "temporary", "persistent"));
+    EXPECT_THAT(raw(allCases<RuleOrigin>()), ElementsAre("manual", "promptResolved", "permissiveLearned", "bootstrap"));
+    EXPECT_EQ(fromRawValue<RuleScope>("Session"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace quillfort
