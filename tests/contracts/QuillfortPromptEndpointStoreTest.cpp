@@ -1,0 +1,280 @@
+#include "contracts/QuillfortPromptEndpointStore.hpp"
+
+#include <cerrno>
+#include <fstream>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include <gtest/gtest.h>
+
+#include "contracts/QuillfortSharedContainer.hpp"
+#include "tests/testsupport/FakeFileSystem.hpp"
+#include "tests/testsupport/TemporaryDirectory.hpp"
+
+namespace quillfort {
+namespace {
+
+namespace fs = std::filesystem;
+namespace store = QuillfortPromptEndpointStore;
+using testing::FakeFileSystem;
+using testing::TemporaryDirectory;
+
+const std::string kGroupContainers = "Library/Group Containers/";
+const std::string kPrefixed = kGroupContainers + "group.com.vessimo.Quillfort.shared";
+const std::string kUnprefixed = kGroupContainers + "com.vessimo.Quillfort.shared";
+
+unsigned permissionsOf(const fs::path& path) {
+    struct stat info{};
+    if (::stat(path.c_str(), &info) != 0) return 0;
+    return info.st_mode & 07777;
+}
+
+void writeText(const fs::path& path, const std::string& text) {
+    fs::create_directories(path.parent_path());
+    std::ofstream(path) << text;
+}
+
+std::string readText(const fs::path& path) {
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+// Paths in the table are relative to a fresh temporary directory.
+struct CandidateCase {
+    std::string name;
+    std::optional<std::string> container;
+    std::optional<std::string> consoleHome;
+    std::optional<std::string> currentHome;
+    std::optional<std::string> explicitHome;
+    std::vector<std::string> existingDirectories;
+    std::vector<std::string> expected;
+};
+
+class CandidateDirectories : public ::testing::TestWithParam<CandidateCase> {};
+
+TEST_P(CandidateDirectories, FollowHomeLayout) {
+    const auto& c = GetParam();
+    TemporaryDirectory temp;
+    auto at = [&](const std::optional<std::string>& rel) -> std::optional<fs::path> {
+        if (!rel) return std::nullopt;
+        return temp.path() / *rel;
+    };
+    FakeFileSystem fileSystem;
+    fileSystem.setAppGroupContainer(at(c.container));
+    fileSystem.setConsoleUserHomeDirectory(at(c.consoleHome));
+    fileSystem.setHomeDirectory(at(c.currentHome));
+    for (const auto& dir : c.existingDirectories) fs::create_directories(temp.path() / dir);
+
+    std::vector<fs::path> expected;
+    for (const auto& rel : c.expected) expected.push_back(temp.path() / rel);
+    EXPECT_EQ(store::candidatePromptBridgeDirectoryURLs(fileSystem, at(c.explicitHome)), expected);
+
+    auto manifest = store::listenerEndpointURL(fileSystem, at(c.explicitHome));
+    if (expected.empty()) {
+        EXPECT_FALSE(manifest);
+    } else {
+        EXPECT_EQ(manifest, expected.front() / "QuillfortPromptAgent.endpoint");
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    QuillfortPromptEndpointStore, CandidateDirectories,
+    ::testing::Values(
+        CandidateCase{"OnlyUnprefixedExists", {}, {}, "a", "a", {"a/" + kUnprefixed}, {"a/" + kUnprefixed}},
+        CandidateCase{"BothExistPrefixedWins", {}, {}, "a", "a", {"a/" + kUnprefixed, "a/" + kPrefixed},
+                      {"a/" + kPrefixed}},
+        CandidateCase{"NeitherExistsGivesPrefixed", {}, {}, "a", "a", {}, {"a/" + kPrefixed}},
+        CandidateCase{"ConsoleHomeEqualsCurrentListedOnce", {}, "c", "c", {}, {}, {"c/" + kPrefixed}},
+        CandidateCase{"ConsoleHomeBeforeCurrentHome", {}, "c", "u", {}, {}, {"c/" + kPrefixed, "u/" + kPrefixed}},
+        CandidateCase{"ExplicitHomeBeatsConsoleHome", {}, "c", "u", "a", {}, {"a/" + kPrefixed, "u/" + kPrefixed}},
+        CandidateCase{"ExplicitHomeStandardized", {}, {}, "a", "x/../a/./", {}, {"a/" + kPrefixed}},
+        CandidateCase{"NoConsoleFallsToCurrentHome", {}, {}, "u", {}, {}, {"u/" + kPrefixed}},
+        CandidateCase{"ContainerComesFirst", "group/", {}, "u", "a", {}, {"group", "a/" + kPrefixed, "u/" + kPrefixed}},
+        CandidateCase{"NothingKnown", {}, {}, {}, {}, {}, {}}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(QuillfortPromptEndpointStore, UsesSharedBridgeOnlyAtComponentBoundaries) {
+    FakeFileSystem fileSystem;
+    fileSystem.setAppGroupContainer("/X/Bridge");
+    const std::vector<std::pair<fs::path, bool>> cases{
+        {"/X/Bridge", true},          {"/X/Bridge/", true},          {"/X/Bridge/S/Requests", true},
+        {"/X/Other/../Bridge/a", true}, {"/X/BridgeOther", false},    {"/X/BridgeOther/a", false},
+        {"/X/Bridge/../Other", false},  {"/X", false},                {"/Y/Bridge", false},
+    };
+    for (const auto& [url, expected] : cases) {
+        EXPECT_EQ(store::usesSharedPromptBridge(url, fileSystem), expected) << url;
+    }
+}
+
+TEST(QuillfortPromptEndpointStore, EnsureAccessibleSetsPermissionsOnlyInsideTheBridge) {
+    TemporaryDirectory temp;
+    FakeFileSystem fileSystem;
+    fileSystem.setAppGroupContainer(temp.path() / "Bridge");
+
+    const fs::path inside = temp.path() / "Bridge/S/Requests";
+    ASSERT_TRUE(store::ensureAccessibleDirectory(inside, fileSystem));
+    EXPECT_TRUE(fs::is_directory(inside));
+    EXPECT_EQ(permissionsOf(inside), 0777u);
+
+    const fs::path insideFile = inside / "A.json";
+    writeText(insideFile, "{}");
+    fs::permissions(insideFile, fs::perms(0600));
+    ASSERT_TRUE(store::ensureAccessibleFile(insideFile, fileSystem));
+    EXPECT_EQ(permissionsOf(insideFile), 0666u);
+
+    // Outside the bridge nothing is created and nothing is touched.
+    const auto callsBefore = fileSystem.calls().size();
+    const fs::path outside = temp.path() / "Elsewhere/dir";
+    ASSERT_TRUE(store::ensureAccessibleDirectory(outside, fileSystem));
+    EXPECT_FALSE(fs::exists(outside));
+    const fs::path outsideFile = temp.path() / "Other.json";
+    writeText(outsideFile, "{}");
+    fs::permissions(outsideFile, fs::perms(0600));
+    ASSERT_TRUE(store::ensureAccessibleFile(outsideFile, fileSystem));
+    EXPECT_EQ(permissionsOf(outsideFile), 0600u);
+    EXPECT_EQ(fileSystem.calls().size(), callsBefore);
+}
+
+TEST(QuillfortPromptEndpointStore, PermissionRefusalsAreIgnoredOtherErrorsReported) {
+    const std::vector<std::pair<int, bool>> cases{
+        {EPERM, true}, {EACCES, true}, {EROFS, true}, {EIO, false}, {ENOENT, false}, {ENOSPC, false}};
+    for (const auto& [err, ignored] : cases) {
+        TemporaryDirectory temp;
+        FakeFileSystem fileSystem;
+        fileSystem.setAppGroupContainer(temp.path());
+        const fs::path dir = temp.path() / "Requests";
+        fileSystem.failOn(FakeFileSystem::Operation::setPosixPermissions, dir, err);
+
+        auto result = store::ensureAccessibleDirectory(dir, fileSystem);
+        EXPECT_EQ(result.has_value(), ignored) << err;
+        if (!result) {
+            EXPECT_EQ(result.error().code, std::error_code(err, std::generic_category()));
+        }
+    }
+}
+
+// Two candidates: the console user's home first, then the current home.
+class PromptEndpointManifest : public ::testing::Test {
+protected:
+    PromptEndpointManifest() {
+        fileSystem.setConsoleUserHomeDirectory(temp.path() / "c");
+        fileSystem.setHomeDirectory(temp.path() / "u");
+    }
+    fs::path first() const { return temp.path() / "c" / kPrefixed / "QuillfortPromptAgent.endpoint"; }
+    fs::path second() const { return temp.path() / "u" / kPrefixed / "QuillfortPromptAgent.endpoint"; }
+    Result<std::optional<QuillfortPromptListenerRecord>> load() const { return store::load(fileSystem, std::nullopt); }
+
+    TemporaryDirectory temp;
+    FakeFileSystem fileSystem;
+};
+
+const std::string kUsable =
+    R"({"transport":"fileRequestResponse","requestsDirectoryPath":"/q/Requests","responsesDirectoryPath":"/q/Responses","sessionIdentifier":"S"})";
+
+// A usable manifest anywhere wins; otherwise the first problem met is reported.
+TEST_F(PromptEndpointManifest, LoadTakesFirstUsableCandidate) {
+    using Record = QuillfortPromptListenerRecord;
+    const Record fileRecord{QuillfortPromptBridgeTransportKind::fileRequestResponse, {}, "/q/Requests",
+                            "/q/Responses", "S"};
+    const Record serviceRecord{QuillfortPromptBridgeTransportKind::machServiceXPC, "agent.service", {}, {}, {}};
+    const std::string unreadable = "Failed to read the Quillfort prompt listener manifest at " + first().native() + ": ";
+    struct Case {
+        std::optional<std::string> first, second;
+        std::variant<std::optional<Record>, std::string> expected;  // a record, or the error's start
+    };
+    const std::vector<Case> cases{
+        {R"({"requestsDirectoryPath":"/tmp/r"})", kUsable, fileRecord},
+        {"not json", kUsable, fileRecord},
+        {R"({"transport":"quic"})", kUsable, fileRecord},
+        {{}, R"("agent.service")", serviceRecord},
+        {{}, {}, std::optional<Record>{}},
+        {R"({"requestsDirectoryPath":"/tmp/r"})", {},
+         "Invalid Quillfort prompt listener manifest at " + first().native() +
+             ": transport=fileRequestResponse requests=/tmp/r responses= session=<nil>"},
+        {"not json", R"({"transport":"machServiceXPC","machServiceName":"   "})", unreadable + "invalid JSON"},
+    };
+    for (const auto& c : cases) {
+        fs::remove(first());
+        fs::remove(second());
+        if (c.first) writeText(first(), *c.first);
+        if (c.second) writeText(second(), *c.second);
+        auto loaded = load();
+        const std::string label = c.first.value_or("-") + " / " + c.second.value_or("-");
+        if (const auto* record = std::get_if<std::optional<Record>>(&c.expected)) {
+            ASSERT_TRUE(loaded) << label << ": " << loaded.error().description;
+            EXPECT_EQ(*loaded, *record) << label;
+        } else {
+            ASSERT_FALSE(loaded) << label;
+            EXPECT_TRUE(loaded.error().description.starts_with(std::get<std::string>(c.expected)))
+                << label << ": " << loaded.error().description;
+        }
+    }
+    fs::remove(first());
+    fs::create_directories(first());  // present but unreadable
+    ASSERT_FALSE(load());
+    EXPECT_TRUE(load().error().description.starts_with(unreadable));
+}
+
+TEST_F(PromptEndpointManifest, SavePublishesCompactAccessibleManifestAtFirstCandidate) {
+    QuillfortPromptListenerRecord record;
+    record.requestsDirectoryPath = "/q/Requests";
+    record.responsesDirectoryPath = "/q/Responses";
+    record.sessionIdentifier = "S";
+    ASSERT_TRUE(store::save(record, fileSystem, std::nullopt));
+
+    EXPECT_EQ(readText(first()), kUsable);
+    EXPECT_EQ(permissionsOf(first().parent_path()), 0777u);  // created with its parents
+    EXPECT_EQ(permissionsOf(first()), 0666u);
+    EXPECT_FALSE(fs::exists(second()));
+    auto loaded = load();
+    ASSERT_TRUE(loaded && *loaded);
+    EXPECT_EQ(**loaded, record);
+
+    ASSERT_TRUE(store::save("svc.name", fileSystem, std::nullopt));
+    EXPECT_EQ(readText(first()), R"({"transport":"machServiceXPC","machServiceName":"svc.name"})");
+}
+
+TEST_F(PromptEndpointManifest, ClearRemovesEveryManifestAndStopsAtFirstFailure) {
+    writeText(first(), kUsable);
+    writeText(second(), kUsable);
+    fileSystem.failOn(FakeFileSystem::Operation::removeItem, first(), EACCES);
+    auto failed = store::clear(fileSystem, std::nullopt);
+    ASSERT_FALSE(failed);
+    EXPECT_EQ(failed.error().code, std::errc::permission_denied);
+    EXPECT_TRUE(fs::exists(second()));
+
+    fileSystem.clearFailures();
+    ASSERT_TRUE(store::clear(fileSystem, std::nullopt));
+    EXPECT_FALSE(fs::exists(first()));
+    EXPECT_FALSE(fs::exists(second()));
+    EXPECT_TRUE(store::clear(fileSystem, std::nullopt));
+}
+
+TEST(QuillfortSharedContainer, ContainerFollowsTheFirstKnownHome) {
+    TemporaryDirectory temp;
+    FakeFileSystem fileSystem(temp.path() / "u");
+    const fs::path explicitHome = temp.path() / "a";
+    const auto groupDir = [](const fs::path& home) { return home / kPrefixed; };
+
+    EXPECT_EQ(QuillfortSharedContainer::containerURL(fileSystem, explicitHome / "."), groupDir(explicitHome));
+    EXPECT_EQ(QuillfortSharedContainer::containerURL(fileSystem, std::nullopt), groupDir(temp.path() / "u"));
+    fileSystem.setConsoleUserHomeDirectory(temp.path() / "c");
+    EXPECT_EQ(QuillfortSharedContainer::containerURL(fileSystem, std::nullopt), groupDir(temp.path() / "c"));
+    fs::create_directories(temp.path() / "c" / kUnprefixed);
+    EXPECT_EQ(QuillfortSharedContainer::promptAgentStatusURL(fileSystem, std::nullopt),
+              temp.path() / "c" / kUnprefixed / "PromptAgentStatus.json");
+
+    fileSystem.setAppGroupContainer("/containers/group");
+    EXPECT_EQ(QuillfortSharedContainer::ruleSnapshotURL(fileSystem, explicitHome),
+              fs::path("/containers/group/RuleSnapshot.json"));
+
+    FakeFileSystem homeless;
+    EXPECT_FALSE(QuillfortSharedContainer::containerURL(homeless, std::nullopt));
+    EXPECT_FALSE(QuillfortSharedContainer::promptAgentAutomationCommandURL(homeless, std::nullopt));
+}
+
+}  // namespace
+}  // namespace quillfort
