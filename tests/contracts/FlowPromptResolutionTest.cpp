@@ -1,0 +1,166 @@
+#include "contracts/FlowPromptResolution.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/contracts/FlowPromptSamples.hpp"
+#include "tests/testsupport/SequentialUuidSource.hpp"
+
+namespace quillfort {
+namespace {
+
+using testing::sampleRequest;
+using testing::SequentialUuidSource;
+using testing::uuidNumber;
+
+const Date kEarlier = Date{std::chrono::seconds{1772366400}};  // 2026-03-01T12:00:00Z
+const Date kLater = kEarlier + std::chrono::hours{1};
+
+Rule ruleNumbered(std::uint64_t n, std::string name = "old") {
+    Rule rule;
+    rule.id = uuidNumber(n);
+    rule.name = std::move(name);
+    return rule;
+}
+
+enum class RuleSource { suggestedRule, ruleSelection, neither };
+
+FlowPromptResponse answer(RuleAction action, RuleScope scope, RuleSource source) {
+    FlowPromptResponse response;
+    response.promptID = sampleRequest().id;
+    response.action = action;
+    response.scope = scope;
+    response.persist = scope == RuleScope::persistent;
+    if (source == RuleSource::suggestedRule) response.suggestedRule = ruleNumbered(500, "suggested");
+    if (source == RuleSource::ruleSelection) {
+        response.ruleSelection.emplace();
+        response.ruleSelection->includeExactProcess = true;
+    }
+    return response;
+}
+
+// Which answers leave a rule behind, for every action; the reason code tells
+// the filter the action, the answer's scope and whether a rule resulted.
+TEST(FlowPromptResolution, ReasonCodeForEveryActionScopeAndRuleOutcome) {
+    struct Case {
+        RuleScope scope;
+        RuleSource source;
+        bool persistSessionRules;
+        std::string ending;  // after "prompt_resolved_<action>_"
+    };
+    const Case cases[] = {
+        {RuleScope::temporary, RuleSource::suggestedRule, true, "temporary_decision"},
+        {RuleScope::temporary, RuleSource::ruleSelection, true, "temporary_decision"},
+        {RuleScope::session, RuleSource::suggestedRule, true, "session_rule"},
+        {RuleScope::session, RuleSource::ruleSelection, true, "session_rule"},
+        {RuleScope::session, RuleSource::neither, true, "session_decision"},
+        {RuleScope::session, RuleSource::suggestedRule, false, "session_decision"},
+        {RuleScope::persistent, RuleSource::suggestedRule, false, "persistent_rule"},
+        {RuleScope::persistent, RuleSource::ruleSelection, false, "persistent_rule"},
+        {RuleScope::persistent, RuleSource::neither, true, "persistent_decision"},
+    };
+    const std::tuple<RuleAction, FlowDecisionAction, std::string> actions[] = {
+        {RuleAction::allow, FlowDecisionAction::allow, "allow"},
+        {RuleAction::drop, FlowDecisionAction::drop, "drop"},
+        {RuleAction::ask, FlowDecisionAction::prompt, "prompt"},
+    };
+    const auto request = sampleRequest();
+    for (const auto& c : cases) {
+        for (const auto& [ruleAction, decisionAction, word] : actions) {
+            const std::string reason = "prompt_resolved_" + word + "_" + c.ending;
+            SCOPED_TRACE(reason + " from source " + std::to_string(static_cast<int>(c.source)));
+            SequentialUuidSource ids(900);
+            const auto outcome =
+                FlowPromptResolution::resolve(request, answer(ruleAction, c.scope, c.source),
+                                              RuleSnapshotEnvelope{kEarlier, {ruleNumbered(1)}},
+                                              c.persistSessionRules, RuleOrigin::promptResolved, kLater, ids);
+            const bool makesRule = c.ending.ends_with("_rule");
+            std::optional<Uuid> ruleID;
+            if (makesRule) ruleID = c.source == RuleSource::suggestedRule ? uuidNumber(500) : uuidNumber(900);
+            EXPECT_EQ(outcome.decision, (FlowDecision{decisionAction, reason, ruleID, request.id, 0}));
+            EXPECT_EQ(outcome.updatedSnapshot.has_value(), makesRule);
+            ASSERT_EQ(outcome.persistedRule.has_value(), makesRule);
+            if (makesRule) {
+                EXPECT_EQ(outcome.persistedRule->action, ruleAction);
+                EXPECT_EQ(outcome.persistedRule->scope, c.scope);
+            }
+        }
+    }
+}
+
+TEST(FlowPromptResolution, StampsAnswerOnRuleAndDefaultsOnlyZeroPriority) {
+    for (const auto& [priority, expected] : {std::pair{0, 10000}, std::pair{5, 5}, std::pair{-3, -3}}) {
+        SCOPED_TRACE("priority " + std::to_string(priority));
+        Rule suggested = ruleNumbered(42, "Allow curl");
+        suggested.enabled = false;
+        suggested.scope = RuleScope::session;
+        suggested.priority = priority;
+        suggested.notes = "from the window";
+        suggested.subject = {RuleSubject::exactExecutable("/usr/bin/curl")};
+        suggested.destination = {RuleDestination::portExact(443)};
+        auto response = answer(RuleAction::drop, RuleScope::persistent, RuleSource::ruleSelection);
+        response.persist = false;  // the scope decides, not this flag
+        response.suggestedRule = suggested;
+
+        SequentialUuidSource ids(900);
+        const auto outcome = FlowPromptResolution::resolve(sampleRequest(), response, RuleSnapshotEnvelope{},
+                                                           false, RuleOrigin::permissiveLearned, kLater, ids);
+        Rule stamped = suggested;
+        stamped.action = RuleAction::drop;
+        stamped.scope = RuleScope::persistent;
+        stamped.origin = RuleOrigin::permissiveLearned;
+        stamped.priority = expected;
+        EXPECT_EQ(outcome.persistedRule, stamped);
+        EXPECT_EQ(ids.upcoming(), 900u) << "a suggested rule wins over the selection; nothing is built";
+    }
+}
+
+TEST(FlowPromptResolution, MergeReplacesRulesOfSameIdAndAppendsAtEnd) {
+    struct Case {
+        std::vector<std::uint64_t> existing;
+        std::uint64_t persisted;
+        std::vector<std::uint64_t> expected;
+    };
+    const Case cases[] = {
+        {{1, 2, 3}, 9, {1, 2, 3, 9}},
+        {{1, 2, 3}, 2, {1, 3, 2}},
+        {{2, 1, 2, 3, 2}, 2, {1, 3, 2}},
+        {{}, 4, {4}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE("persisting " + std::to_string(c.persisted));
+        RuleSnapshotEnvelope existing{kEarlier, {}};
+        for (auto n : c.existing) existing.rules.push_back(ruleNumbered(n));
+        auto response = answer(RuleAction::allow, RuleScope::persistent, RuleSource::neither);
+        response.suggestedRule = ruleNumbered(c.persisted, "new");
+
+        const auto outcome =
+            FlowPromptResolution::resolve(sampleRequest(), response, existing, true, RuleOrigin::promptResolved, kLater);
+        ASSERT_TRUE(outcome.updatedSnapshot.has_value());
+        EXPECT_EQ(outcome.updatedSnapshot->generatedAt, kLater);
+        std::vector<std::uint64_t> order;
+        for (const auto& rule : outcome.updatedSnapshot->rules) {
+            for (std::uint64_t n = 0; n < 16; ++n)
+                if (rule.id == uuidNumber(n)) order.push_back(n);
+            EXPECT_EQ(rule.name, rule.id == uuidNumber(c.persisted) ? "new" : "old");
+        }
+        EXPECT_EQ(order, c.expected);
+    }
+}
+
+TEST(FlowPromptResolution, PreferredSnapshotTakesLaterOneAndSharedOnTie) {
+    const RuleSnapshotEnvelope vendorEarly{kEarlier, {ruleNumbered(1)}}, vendorLate{kLater, {ruleNumbered(1)}};
+    const RuleSnapshotEnvelope sharedEarly{kEarlier, {ruleNumbered(2)}}, sharedLate{kLater, {ruleNumbered(2)}};
+    const Date now = kLater + std::chrono::hours{5};
+    using Snapshot = std::optional<RuleSnapshotEnvelope>;
+    const std::tuple<Snapshot, Snapshot, RuleSnapshotEnvelope> cases[] = {
+        {vendorLate, sharedEarly, vendorLate},  {vendorEarly, sharedLate, sharedLate},
+        {vendorLate, sharedLate, sharedLate},   {vendorEarly, std::nullopt, vendorEarly},
+        {std::nullopt, sharedEarly, sharedEarly}, {std::nullopt, std::nullopt, RuleSnapshotEnvelope{now, {}}},
+    };
+    for (const auto& [vendor, shared, expected] : cases) {
+        EXPECT_EQ(FlowPromptResolution::preferredRuleSnapshot(vendor, shared, now), expected);
+    }
+}
+
+}  // namespace
+}  // namespace quillfort
