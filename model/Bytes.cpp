@@ -18,23 +18,22 @@ constexpr auto kDecode = makeDecodeTable();
 }  // namespace
 
 std::string Bytes::base64() const {
-    std::string out;
-    out.reserve((value.size() + 2) / 3 * 4);
+    std::string out((value.size() + 2) / 3 * 4, '=');
+    std::size_t o = 0;
     std::size_t i = 0;
     for (; i + 2 < value.size(); i += 3) {
-        std::uint32_t n = (value[i] << 16) | (value[i + 1] << 8) | value[i + 2];
-        out.push_back(kAlphabet[(n >> 18) & 63]);
-        out.push_back(kAlphabet[(n >> 12) & 63]);
-        out.push_back(kAlphabet[(n >> 6) & 63]);
-        out.push_back(kAlphabet[n & 63]);
+        const std::uint32_t n = (value[i] << 16) | (value[i + 1] << 8) | value[i + 2];
+        out[o++] = kAlphabet[(n >> 18) & 63];
+        out[o++] = kAlphabet[(n >> 12) & 63];
+        out[o++] = kAlphabet[(n >> 6) & 63];
+        out[o++] = kAlphabet[n & 63];
     }
-    if (std::size_t rest = value.size() - i; rest > 0) {
+    if (const std::size_t rest = value.size() - i; rest > 0) {
         std::uint32_t n = value[i] << 16;
         if (rest == 2) n |= value[i + 1] << 8;
-        out.push_back(kAlphabet[(n >> 18) & 63]);
-        out.push_back(kAlphabet[(n >> 12) & 63]);
-        out.push_back(rest == 2 ? kAlphabet[(n >> 6) & 63] : '=');
-        out.push_back('=');
+        out[o++] = kAlphabet[(n >> 18) & 63];
+        out[o++] = kAlphabet[(n >> 12) & 63];
+        if (rest == 2) out[o] = kAlphabet[(n >> 6) & 63];
     }
     return out;
 }

@@ -82,9 +82,16 @@ JsonResult<Uuid> JsonCodec<Uuid>::decode(const json::value& jv) {
 
 namespace {
 
+bool needsEscape(char c) noexcept { return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20; }
+
 void appendEscaped(std::string& out, std::string_view text) {
     out.push_back('"');
-    for (char c : text) {
+    std::size_t runStart = 0;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (!needsEscape(c)) continue;
+        out.append(text.data() + runStart, i - runStart);
+        runStart = i + 1;
         switch (c) {
             case '"': out += "\\\""; break;
             case '\\': out += "\\\\"; break;
@@ -93,13 +100,10 @@ void appendEscaped(std::string& out, std::string_view text) {
             case '\n': out += "\\n"; break;
             case '\r': out += "\\r"; break;
             case '\t': out += "\\t"; break;
-            default:
-                if (static_cast<unsigned char>(c) < 0x20)
-                    fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
-                else
-                    out.push_back(c);
+            default: fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned>(c));
         }
     }
+    out.append(text.data() + runStart, text.size() - runStart);
     out.push_back('"');
 }
 
@@ -107,8 +111,16 @@ void appendScalar(std::string& out, const json::value& value) {
     switch (value.kind()) {
         case json::kind::null: out += "null"; break;
         case json::kind::bool_: out += value.get_bool() ? "true" : "false"; break;
-        case json::kind::int64: fmt::format_to(std::back_inserter(out), "{}", value.get_int64()); break;
-        case json::kind::uint64: fmt::format_to(std::back_inserter(out), "{}", value.get_uint64()); break;
+        case json::kind::int64: {
+            fmt::format_int digits(value.get_int64());
+            out.append(digits.data(), digits.size());
+            break;
+        }
+        case json::kind::uint64: {
+            fmt::format_int digits(value.get_uint64());
+            out.append(digits.data(), digits.size());
+            break;
+        }
         case json::kind::double_: {
             double d = value.get_double();
             if (!std::isfinite(d))

@@ -104,6 +104,7 @@ TEST(JsonWriter, WritesScalarsInTheirShortestForm) {
         {json::value(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615"},
         {json::value("quote\" backslash\\ tab\t nl\n ctl\x01 slash/ ü"),
          R"("quote\" backslash\\ tab\t nl\n ctl\u0001 slash/ ü")"},
+        {json::value("\b\f\r\x1f"), R"("\b\f\r\u001f")"},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(serializeCompact(c.value), c.text);
