@@ -1,0 +1,147 @@
+#include "tools/ProcessInspector.hpp"
+
+#include <unistd.h>
+
+#include <fstream>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "tests/testsupport/TemporaryDirectory.hpp"
+
+namespace quillfort {
+namespace {
+
+namespace PI = ProcessInspector;
+using testing::TemporaryDirectory;
+
+TEST(ProcessInspector, ReadsTheTestProcessItself) {
+    const auto self = static_cast<std::int32_t>(::getpid());
+    auto process = PI::inspectProcess(self, PI::ProcfsView::system());
+    ASSERT_TRUE(process.has_value()) << process.error().description;
+
+    const ProcessIdentity& identity = process->identity;
+    EXPECT_EQ(identity.pid, self);
+    EXPECT_EQ(identity.executablePath, std::filesystem::read_symlink("/proc/self/exe").string());
+    EXPECT_EQ(identity.cwd, std::filesystem::current_path().string());
+    EXPECT_EQ(identity.userID, ::getuid());
+    ASSERT_FALSE(identity.argv.empty());
+    EXPECT_EQ(std::filesystem::path(identity.argv.front()).filename(),
+              std::filesystem::path(identity.executablePath).filename());
+    EXPECT_EQ(process->parentPid, static_cast<std::int32_t>(::getppid()));
+    EXPECT_EQ(identity.auditToken, PI::auditToken(self, process->startTicks));
+    // Started during this test run, after the machine booted.
+    EXPECT_GT(identity.launchTime, Date(std::chrono::seconds(0)));
+
+    // Reading again gives the same identity: the token is stable for a process.
+    EXPECT_EQ(PI::inspectProcess(self, PI::ProcfsView::system())->identity.auditToken, identity.auditToken);
+}
+
+TEST(ProcessInspector, LineageFollowsParentsToTheFirstProcess) {
+    auto lineage = PI::inspectLineage(static_cast<std::int32_t>(::getpid()), PI::ProcfsView::system());
+    ASSERT_TRUE(lineage.has_value()) << lineage.error().description;
+    ASSERT_FALSE(lineage->ancestors.empty());
+
+    EXPECT_EQ(lineage->ancestors.front().identity.pid, static_cast<std::int32_t>(::getppid()));
+    EXPECT_EQ(lineage->process.identity.parentAuditToken, lineage->ancestors.front().identity.auditToken);
+    Bytes child = lineage->process.identity.auditToken;
+    for (const auto& ancestor : lineage->ancestors) {
+        ASSERT_EQ(ancestor.childAuditTokens.size(), 1u);
+        EXPECT_EQ(ancestor.childAuditTokens.front(), child);
+        child = ancestor.identity.auditToken;
+    }
+    // The walk stops at pid 1, or at the top of this pid namespace.
+    const auto& top = lineage->ancestors.back().identity;
+    auto topProcess = PI::inspectProcess(top.pid, PI::ProcfsView::system());
+    ASSERT_TRUE(topProcess.has_value());
+    EXPECT_TRUE(top.pid == 1 || topProcess->parentPid == 0) << top.pid;
+}
+
+TEST(ProcessInspector, MissingProcessIsAnError) {
+    TemporaryDirectory procfs;
+    auto result = PI::inspectProcess(4242, PI::ProcfsView{procfs.path(), 100});
+    ASSERT_FALSE(result.has_value());
+    EXPECT_NE(result.error().description.find("4242"), std::string::npos) << result.error().description;
+}
+
+// A made-up /proc with a process whose details exercise the parser.
+class SyntheticProcfs : public ::testing::Test {
+protected:
+    void write(const std::filesystem::path& relative, std::string_view content) {
+        std::filesystem::create_directories((procfs_.path() / relative).parent_path());
+        std::ofstream(procfs_.path() / relative, std::ios::binary) << content;
+    }
+    void addProcess(int pid, int ppid, std::string_view comm, unsigned ttyNr, unsigned long startTicks) {
+        // state ppid pgrp session tty_nr tpgid flags minflt cminflt majflt cmajflt
+        // utime stime cutime cstime priority nice num_threads itrealvalue starttime vsize
+        write(std::to_string(pid) + "/stat",
+              fmt::format("{} ({}) S {} {} {} {} -1 4194560 1 0 0 0 0 0 0 0 20 0 1 0 {} 1000 9\n", pid, comm, ppid,
+                          pid, pid, ttyNr, startTicks));
+    }
+    [[nodiscard]] PI::ProcfsView view() const { return PI::ProcfsView{procfs_.path(), 100}; }
+
+    TemporaryDirectory procfs_;
+};
+
+TEST_F(SyntheticProcfs, ParsesStatStatusAndCommandLine) {
+    write("stat", "cpu  1 2 3\nbtime 1772366400\nprocesses 9\n");  // 2026-03-01T12:00:00Z
+    addProcess(300, 200, "we (ird) name", 0x8803, 12345);            // /dev/pts/3, 123.45 s after boot
+    addProcess(200, 1, "bash", 0, 500);
+    addProcess(1, 0, "init", 0, 1);
+    write("300/cmdline", std::string("python3\0-c\0print(1)\0", 20));
+    write("300/status", "Name:\tx\nUid:\t1000\t1000\t1000\t1000\nGid:\t1000\n");
+    std::filesystem::create_symlink("/usr/bin/python3.11 (deleted)", procfs_.path() / "300" / "exe");
+    std::filesystem::create_symlink("/home/dev", procfs_.path() / "300" / "cwd");
+
+    auto lineage = PI::inspectLineage(300, view());
+    ASSERT_TRUE(lineage.has_value()) << lineage.error().description;
+
+    const auto& identity = lineage->process.identity;
+    EXPECT_EQ(identity.executablePath, "/usr/bin/python3.11");
+    EXPECT_EQ(identity.argv, (std::vector<std::string>{"python3", "-c", "print(1)"}));
+    EXPECT_EQ(identity.userID, 1000u);
+    EXPECT_EQ(identity.tty, "/dev/pts/3");
+    EXPECT_EQ(identity.cwd, "/home/dev");
+    EXPECT_EQ(iso8601String(identity.launchTime), "2026-03-01T12:02:03Z");
+    EXPECT_EQ(identity.auditToken, (Bytes{0, 0, 1, 44, 0, 0, 0, 0, 0, 0, 0x30, 0x39}));
+    EXPECT_EQ(identity.parentAuditToken, PI::auditToken(200, 500));
+
+    ASSERT_EQ(lineage->ancestors.size(), 2u);
+    EXPECT_EQ(lineage->ancestors[0].identity.pid, 200);
+    EXPECT_EQ(lineage->ancestors[1].identity.pid, 1);
+    // Nothing readable but stat: the executable falls back to the command name.
+    EXPECT_EQ(lineage->ancestors[0].identity.executablePath, "[bash]");
+    EXPECT_FALSE(lineage->ancestors[0].identity.tty.has_value());
+    EXPECT_FALSE(lineage->ancestors[0].identity.userID.has_value());
+}
+
+TEST_F(SyntheticProcfs, LoopingParentsEndTheWalk) {
+    addProcess(10, 11, "a", 0, 1);
+    addProcess(11, 10, "b", 0, 1);
+    auto lineage = PI::inspectLineage(10, view());
+    ASSERT_TRUE(lineage.has_value());
+    ASSERT_EQ(lineage->ancestors.size(), 1u);
+    EXPECT_EQ(lineage->ancestors[0].identity.pid, 11);
+}
+
+TEST_F(SyntheticProcfs, MalformedStatIsAnError) {
+    write("12/stat", "12 (cut short");
+    EXPECT_FALSE(PI::inspectProcess(12, view()).has_value());
+}
+
+TEST(ProcessInspector, TerminalPaths) {
+    const std::pair<std::uint32_t, std::optional<std::string>> cases[] = {
+        {0, std::nullopt},
+        {(136u << 8) | 0, "/dev/pts/0"},
+        {(137u << 8) | 5, "/dev/pts/261"},
+        {(136u << 8) | 0x12 | (0x3u << 20), "/dev/pts/786"},  // minor bits above 255 live higher up
+        {(4u << 8) | 2, "/dev/tty2"},
+        {(4u << 8) | 65, "/dev/ttyS1"},
+        {(5u << 8) | 1, "/dev/console"},
+        {(200u << 8) | 1, std::nullopt},
+    };
+    for (const auto& [ttyNr, expected] : cases) EXPECT_EQ(PI::terminalPath(ttyNr), expected) << ttyNr;
+}
+
+}  // namespace
+}  // namespace quillfort

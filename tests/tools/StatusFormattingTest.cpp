@@ -1,0 +1,79 @@
+#include "tools/StatusFormatting.hpp"
+
+#include <gtest/gtest.h>
+
+#include "tests/testsupport/ModelSamples.hpp"
+
+namespace quillfort {
+namespace {
+
+using namespace std::chrono_literals;
+
+TEST(StatusFormatting, DestinationText) {
+    EXPECT_EQ(StatusFormatting::destinationText("api.example.com", 443), "api.example.com:443");
+    EXPECT_EQ(StatusFormatting::destinationText("::1", 22), "[::1]:22");
+    EXPECT_EQ(StatusFormatting::destinationText("unknown-host", std::nullopt), "unknown-host");
+}
+
+TEST(StatusFormatting, AgeText) {
+    const Date now = testing::sampleDate();
+    const std::pair<Date, std::string> cases[] = {
+        {now + 3s, "just now"},       {now, "just now"},          {now - 59s, "59s ago"},
+        {now - 60s, "1m ago"},        {now - 3599s, "59m ago"},   {now - 7200s, "2h ago"},
+        {now - 86400s * 3, "3d ago"},
+    };
+    for (const auto& [then, text] : cases) EXPECT_EQ(StatusFormatting::ageText(then, now), text);
+}
+
+PromptAgentStatusSnapshot busyStatus() {
+    PromptAgentStatusSnapshot status;
+    status.updatedAt = testing::sampleDate();
+    status.listenerReady = true;
+    status.manifestPublished = true;
+    status.lastPromptReceivedAt = testing::sampleDate() - 90s;
+    status.statusText = "Prompt bridge ready.";
+    status.promptWindowVisible = true;
+    status.activePromptCount = 2;
+    status.queuedPrompts = {
+        {testing::sampleUuid(1), "api.example.com", 443, "curl", "allow persistent Allow curl"},
+        {testing::sampleUuid(2), "::1", 22, "ssh", "Temporary drop decision"},
+    };
+    status.activePrompt =
+        PromptAgentActivePromptSnapshot{testing::sampleUuid(1), "api.example.com", 443, 2, "curl", "allow"};
+    return status;
+}
+
+TEST(StatusFormatting, ShowsStateTimesAndQueueWithTheActivePromptMarked) {
+    EXPECT_EQ(StatusFormatting::formatStatus(busyStatus(), testing::sampleDate() + 5s),
+              "Quillfort agent: Prompt bridge ready.\n"
+              "\n"
+              "Updated:               2026-03-01T12:00:00Z (5s ago)\n"
+              "Prompt listener:       ready\n"
+              "Loopback listener:     not ready\n"
+              "Manifest:              published\n"
+              "Last prompt received:  2026-03-01T11:58:30Z (1m ago)\n"
+              "Last prompt resolved:  never\n"
+              "Prompt window:         visible\n"
+              "Active prompts:        2\n"
+              "\n"
+              "Queue (2):\n"
+              "   PROMPT                                DESTINATION          PROCESS  PREVIEW\n"
+              "*  00000000-0000-4000-8000-000000000001  api.example.com:443  curl     allow persistent Allow curl\n"
+              "   00000000-0000-4000-8000-000000000002  [::1]:22             ssh      Temporary drop decision\n"
+              "* on screen\n");
+}
+
+TEST(StatusFormatting, EmptyQueueSaysNoPromptsWaiting) {
+    PromptAgentStatusSnapshot status = busyStatus();
+    status.queuedPrompts.clear();
+    status.activePrompt.reset();
+    status.statusText = "Starting\nprompt bridge...";
+
+    const std::string text = StatusFormatting::formatStatus(status, testing::sampleDate());
+    EXPECT_TRUE(text.starts_with("Quillfort agent: Starting?prompt bridge...\n")) << text;
+    EXPECT_TRUE(text.ends_with("\nNo prompts waiting.\n")) << text;
+    EXPECT_EQ(text.find("on screen"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace quillfort

@@ -1,0 +1,15 @@
+// The `quillfort` command-line tool; the commands live in QuillfortCommandLine.
+#include <iostream>
+
+#include "platform/Clock.hpp"
+#include "platform/FileSystem.hpp"
+#include "tools/QuillfortCommandLine.hpp"
+
+int main(int argc, char** argv) {
+    using namespace quillfort;
+    QuillfortCommandLine::Environment environment{defaultFileSystem(), systemClock(), randomUuidSource(),
+                                                  ProcessInspector::ProcfsView::system()};
+    std::vector<std::string> arguments;
+    for (int i = 1; i < argc; ++i) arguments.emplace_back(argv[i]);
+    return QuillfortCommandLine::run(arguments, environment, std::cout, std::cerr);
+}
