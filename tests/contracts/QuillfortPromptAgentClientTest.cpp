@@ -190,15 +190,6 @@ TEST(QuillfortPromptAgentClient, NoManifestAndNoLoopbackFailsBeforeSubmitReturns
     EXPECT_EQ(delivered->error(), ClientError::missingEndpoint());
 }
 
-TEST(QuillfortPromptAgentClient, LoopbackEndpointNeedsHostTextAndPort) {
-    TemporaryDirectory home;
-    auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
-    EXPECT_FALSE(QuillfortPromptAgentClient(fileSystem, home.path(), "", 27839).hasUsableLoopbackEndpoint());
-    EXPECT_FALSE(
-        QuillfortPromptAgentClient(fileSystem, home.path(), "127.0.0.1", std::nullopt).hasUsableLoopbackEndpoint());
-    EXPECT_TRUE(QuillfortPromptAgentClient(fileSystem, home.path(), "127.0.0.1", 1).hasUsableLoopbackEndpoint());
-}
-
 TEST(QuillfortPromptAgentClient, HostNameIsNotAnIPv4Address) {
     TemporaryDirectory home;
     auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
@@ -359,20 +350,6 @@ INSTANTIATE_TEST_SUITE_P(
                           ClientError::remoteFailure("denied")}),
     [](const auto& info) { return info.param.name; });
 
-TEST(QuillfortPromptAgentClient, RefusedConnectionNamesTheSystemError) {
-    TemporaryDirectory home;
-    auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
-    std::uint16_t closedPort = 0;
-    {
-        StandInLoopbackAgent gone("");
-        closedPort = gone.port();
-    }
-    QuillfortPromptAgentClient client(fileSystem, home.path(), "127.0.0.1", closedPort);
-
-    EXPECT_EQ(client.submitSync(sampleRequest(), generousTimeout).error(),
-              ClientError::transportFailure(std::string(Messages::connectPrefix) + ": Connection refused"));
-}
-
 struct TimeoutCase {
     std::optional<double> seconds;
     std::optional<std::pair<long, long>> expected;
@@ -402,42 +379,6 @@ TEST(QuillfortPromptAgentClient, PosixErrorDescriptionFallsBackToTheNumber) {
               "Failed to connect: Connection refused");
     EXPECT_EQ(QuillfortPromptAgentClient::posixSocketErrorDescription("Failed to connect", 99999),
               "Failed to connect. errno=99999");
-}
-
-TEST(QuillfortPromptAgentClient, ReadExactBytesReportsEarlyCloseAndReadErrors) {
-    int pair[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
-    ASSERT_TRUE(sendAll(pair[1], "abc"));
-    EXPECT_EQ(QuillfortPromptAgentClient::readExactLoopbackBytes(2, pair[0]).value(), "ab");
-    EXPECT_EQ(QuillfortPromptAgentClient::readExactLoopbackBytes(0, pair[0]).value(), "");
-
-    // A receive that times out is a failing read, reported with the system's text.
-    timeval shortWait{0, 10000};
-    ASSERT_EQ(::setsockopt(pair[0], SOL_SOCKET, SO_RCVTIMEO, &shortWait, sizeof(shortWait)), 0);
-    EXPECT_EQ(QuillfortPromptAgentClient::readExactLoopbackBytes(2, pair[0]).error(),
-              ClientError::transportFailure(std::string(Messages::readPrefix) +
-                                            ": Resource temporarily unavailable"));
-
-    ASSERT_TRUE(sendAll(pair[1], "d"));
-    ::close(pair[1]);
-    EXPECT_EQ(QuillfortPromptAgentClient::readExactLoopbackBytes(5, pair[0]).error(),
-              ClientError::transportFailure(std::string(Messages::loopbackClosedEarly)));
-    ::close(pair[0]);
-}
-
-TEST(QuillfortPromptAgentClientError, DescriptionsAndEquality) {
-    const std::pair<ClientError, std::string> cases[] = {
-        {ClientError::remoteFailure("agent text"), "agent text"},
-        {ClientError::transportFailure("socket text"), "socket text"},
-        {ClientError::missingEndpoint(), "No Quillfort prompt endpoint is currently published."},
-        {ClientError::invalidEndpointData(), "The published Quillfort prompt endpoint is invalid."},
-        {ClientError::invalidRequestEncoding(), "Failed to encode the Quillfort prompt request."},
-        {ClientError::invalidResponseDecoding(), "Failed to decode the Quillfort prompt response."},
-        {ClientError::missingResponse(), "The Quillfort prompt agent did not return a response."},
-    };
-    for (const auto& [error, text] : cases) EXPECT_EQ(error.description(), text);
-    EXPECT_NE(ClientError::remoteFailure("x"), ClientError::transportFailure("x"));
-    EXPECT_NE(ClientError::remoteFailure("x"), ClientError::remoteFailure("y"));
 }
 
 }  // namespace

@@ -116,13 +116,6 @@ TEST_F(CommandLineTest, BadRequestFileNamesTheFailingKey) {
     EXPECT_NE(invocation.err.find("is not a prompt request: id: "), std::string::npos) << invocation.err;
 }
 
-TEST_F(CommandLineTest, UnreachableAgentExitsWithOne) {
-    auto invocation = run({"prompt", "--home", home_.path().string(), "--host", "example.com", "--no-loopback"});
-    EXPECT_EQ(invocation.status, CL::exitFailure);
-    EXPECT_EQ(invocation.err, "quillfort: No Quillfort prompt endpoint is currently published.\n");
-    EXPECT_EQ(invocation.out, "");
-}
-
 TEST_F(CommandLineTest, StatusWithoutAFileAsksWhetherTheAgentRuns) {
     for (std::vector<std::string> arguments : {std::vector<std::string>{"status"}, {"status", "--json"}}) {
         arguments.insert(arguments.end(), {"--home", home_.path().string()});
@@ -221,13 +214,6 @@ TEST_F(CommandLineTest, AnswerNobodyTakesIsReportedAndLeftForTheAgent) {
                        .loadIfPresent();
     ASSERT_TRUE(pending && *pending);
     EXPECT_EQ((**pending).promptID, testing::sampleUuid(3));
-}
-
-TEST_F(CommandLineTest, AnswerWithoutAnAgentExitsWithOne) {
-    auto invocation = run({"answer", "--home", home_.path().string(), testing::sampleUuid(3).uppercaseString(),
-                           "block-once"});
-    EXPECT_EQ(invocation.status, CL::exitFailure);
-    EXPECT_EQ(invocation.err, "quillfort: No Quillfort prompt endpoint is currently published.\n");
 }
 
 TEST(QuillfortCommandLine, PromptRequestFromFlags) {

@@ -9,22 +9,6 @@ namespace {
 
 using namespace std::chrono_literals;
 
-TEST(StatusFormatting, DestinationText) {
-    EXPECT_EQ(StatusFormatting::destinationText("api.example.com", 443), "api.example.com:443");
-    EXPECT_EQ(StatusFormatting::destinationText("::1", 22), "[::1]:22");
-    EXPECT_EQ(StatusFormatting::destinationText("unknown-host", std::nullopt), "unknown-host");
-}
-
-TEST(StatusFormatting, AgeText) {
-    const Date now = testing::sampleDate();
-    const std::pair<Date, std::string> cases[] = {
-        {now + 3s, "just now"},       {now, "just now"},          {now - 59s, "59s ago"},
-        {now - 60s, "1m ago"},        {now - 3599s, "59m ago"},   {now - 7200s, "2h ago"},
-        {now - 86400s * 3, "3d ago"},
-    };
-    for (const auto& [then, text] : cases) EXPECT_EQ(StatusFormatting::ageText(then, now), text);
-}
-
 PromptAgentStatusSnapshot busyStatus() {
     PromptAgentStatusSnapshot status;
     status.updatedAt = testing::sampleDate();
