@@ -15,14 +15,14 @@ std::optional<Rule> AgentPromptSession::suggestedRule(UuidSource& ids) const {
     auto built =
         FlowPromptRuleBuilder::buildSuggestedRule(request, AgentPromptDecisionPresets::action(selectedPreset),
                                                   AgentPromptDecisionPresets::scope(selectedPreset), selection, ids);
+    // A one-time answer makes no rule, not even a rewritten one: there is
+    // nothing for the reused rule to be replaced with.
+    if (!built) return std::nullopt;
     if (reuseExistingSignerRule && signerReuseTemplateRule) {
-        // Reusing the existing rule rewrites it to the new signer. A one-time
-        // answer builds no rule of its own, so the existing rule itself is what
-        // gets rewritten; the answer still carries it, and whoever stores rules
-        // decides by the answer's scope whether it is kept.
-        Rule replacement = built ? std::move(*built) : *signerReuseTemplateRule;
+        // Reusing the existing rule rewrites it to the new signer, keeping its
+        // identity so that storing the answer replaces it.
         return FlowPromptExistingRuleAnalyzer::ruleUpdatingSigner(request, {*signerReuseTemplateRule},
-                                                                  signerReuseTemplateRule->id, std::move(replacement));
+                                                                  signerReuseTemplateRule->id, std::move(*built));
     }
     return built;
 }

@@ -268,7 +268,7 @@ TEST(AgentPromptCoordinator, ConfirmedChoiceSeedsTheNextSession) {
     EXPECT_EQ(next.ruleSelection.hostPatternOverride, ".other.org");
 }
 
-TEST(AgentPromptCoordinator, ReusedSignerRuleIsRewrittenForEveryDuration) {
+TEST(AgentPromptCoordinator, ReusedSignerRuleIsRewrittenForLastingAnswers) {
     Harness h;
     Rule existing = testing::sampleRule();
     existing.subject = {RuleSubject::exactExecutable("/usr/bin/curl"), RuleSubject::signingID("com.old.curl")};
@@ -286,6 +286,10 @@ TEST(AgentPromptCoordinator, ReusedSignerRuleIsRewrittenForEveryDuration) {
         h.coordinator->resolvePrompt(testing::uuidNumber(1), preset);
 
         const auto& rule = h.replies.received.back().suggestedRule;
+        if (preset == P::allowOnce) {
+            EXPECT_FALSE(rule) << "a one-time answer carries no rule";
+            continue;
+        }
         ASSERT_TRUE(rule) << preset;
         EXPECT_EQ(rule->id, existing.id);
         EXPECT_THAT(rule->subject, ::testing::Contains(RuleSubject::signingID("com.apple.curl")));
