@@ -231,7 +231,9 @@ VoidResult PosixFileSystem::writeFileAtomically(const std::filesystem::path& pat
     // The temporary lives beside the target so the rename stays on one file
     // system. Its name is hidden (directory listings skip it) and shortened so
     // it fits NAME_MAX even for long target names.
-    const std::string stem = "." + name.substr(0, 200) + ".";
+    std::string stem(1, '.');
+    stem.append(name, 0, 200);
+    stem.push_back('.');
     std::filesystem::path temporary;
     int fdNumber = -1;
     for (int attempt = 0; attempt < 100 && fdNumber < 0; ++attempt) {
