@@ -7,6 +7,13 @@ target_compile_options(quillfort_options INTERFACE -Wall -Wextra -Wpedantic)
 target_compile_definitions(quillfort_options INTERFACE
   BOOST_ASIO_NO_DEPRECATED)
 
+# libstdc++ 12 offers std::expected only when __cpp_concepts says C++20 concepts
+# are complete; clang 16 implements what <expected> needs but still reports the
+# older value, so tell the library the truth.
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang" AND CMAKE_CXX_COMPILER_VERSION VERSION_LESS 17)
+  target_compile_options(quillfort_options INTERFACE -U__cpp_concepts -D__cpp_concepts=202002L)
+endif()
+
 find_program(QUILLFORT_CCACHE ccache)
 if(QUILLFORT_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${QUILLFORT_CCACHE})
