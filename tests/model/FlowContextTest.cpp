@@ -98,7 +98,12 @@ TEST(FlowContext, DecodeFailuresNameTheKeyAndTheFault) {
          "unknown value \"zombie\""},
         {"optional of the wrong type", [](auto& o) { o["matchedHostname"] = true; }, "matchedHostname",
          "expected a string, found a boolean"},
-        {"ancestor not an object", [](auto& o) { o["ancestorChain"] = json::array{json::array{}}; }, "ancestorChain[0]",
+        {"ancestor not an object", [](auto& o) {
+             // Built step by step: a braced array in an array is a copy for some compilers.
+             json::array chain;
+             chain.emplace_back(json::array());
+             o["ancestorChain"] = std::move(chain);
+         }, "ancestorChain[0]",
          "expected an object, found an array"},
     };
     for (const auto& c : cases) {
