@@ -1,0 +1,38 @@
+#include "QuillfortAgent/LoopbackPromptError.hpp"
+
+#include <string>
+
+namespace quillfort::LoopbackPromptError {
+
+namespace {
+
+class Category final : public std::error_category {
+public:
+    [[nodiscard]] const char* name() const noexcept override { return "QuillfortPromptLoopback"; }
+
+    [[nodiscard]] std::string message(int code) const override {
+        switch (static_cast<LoopbackPromptErrorCode>(code)) {
+            case LoopbackPromptErrorCode::headerIncomplete:
+                return "The loopback prompt length header was incomplete.";
+            case LoopbackPromptErrorCode::closedBeforePayload:
+                return "The loopback prompt connection closed before the full payload arrived.";
+            case LoopbackPromptErrorCode::payloadTooLarge:
+                return "The loopback prompt request is larger than the agent accepts.";
+        }
+        return "Unknown loopback prompt error " + std::to_string(code) + ".";
+    }
+};
+
+}  // namespace
+
+const std::error_category& category() noexcept {
+    static const Category instance;
+    return instance;
+}
+
+Error make(LoopbackPromptErrorCode code) {
+    const std::error_code errorCode(static_cast<int>(code), category());
+    return Error{errorCode, errorCode.message()};
+}
+
+}  // namespace quillfort::LoopbackPromptError

@@ -1,0 +1,51 @@
+#include "QuillfortAgent/QuillfortAgentSingleInstanceGuard.hpp"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "contracts/QuillfortPromptEndpointStore.hpp"
+#include "contracts/QuillfortSharedContainer.hpp"
+
+namespace quillfort {
+
+std::filesystem::path QuillfortAgentSingleInstanceGuard::lockFileURL(
+    const FileSystem& fileSystem, const std::optional<std::filesystem::path>& homeDirectory) {
+    if (auto container = QuillfortSharedContainer::containerURL(fileSystem, homeDirectory)) {
+        return *container / QuillfortPromptEndpointStore::bridgeSessionsDirectoryName / lockFileName;
+    }
+    return fileSystem.temporaryDirectory() / lockFileName;
+}
+
+QuillfortAgentSingleInstanceGuard::QuillfortAgentSingleInstanceGuard(
+    FileSystem& fileSystem, const std::optional<std::filesystem::path>& homeDirectory, int processIdentifier) {
+    const auto lockFile = lockFileURL(fileSystem, homeDirectory);
+    if (!fileSystem.createDirectories(lockFile.parent_path())) return;
+
+    const int descriptor = ::open(lockFile.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+    if (descriptor < 0) return;
+    fileDescriptor_ = descriptor;
+
+    if (::flock(descriptor, LOCK_EX | LOCK_NB) != 0) {
+        // Held elsewhere. The descriptor stays open until the guard goes, and
+        // the running agent's file is not touched.
+        shouldActivateCurrentInstance_ = false;
+        return;
+    }
+    if (::ftruncate(descriptor, 0) == 0) {
+        const std::string content = std::to_string(processIdentifier) + "\n";
+        // Only informative for people looking at the file; a short write changes nothing.
+        [[maybe_unused]] const auto written = ::pwrite(descriptor, content.data(), content.size(), 0);
+    }
+}
+
+QuillfortAgentSingleInstanceGuard::~QuillfortAgentSingleInstanceGuard() {
+    if (fileDescriptor_ >= 0) {
+        ::flock(fileDescriptor_, LOCK_UN);
+        ::close(fileDescriptor_);
+    }
+}
+
+}  // namespace quillfort
