@@ -1,0 +1,139 @@
+// quillfort-agent: the prompt agent of the user's session. Builds the agent in
+// one fixed order, gives way to an agent that already runs, then serves the
+// file bridge and the loopback listener until SIGINT or SIGTERM.
+#include <csignal>
+#include <cstdint>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include <CLI/CLI.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
+
+#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/AsioMainThreadExecutor.hpp"
+#include "QuillfortAgent/CachedRuleSnapshotReader.hpp"
+#include "QuillfortAgent/QuillfortAgentBootstrap.hpp"
+#include "QuillfortAgent/QuillfortAgentPromptServiceHost.hpp"
+#include "QuillfortAgent/QuillfortAgentSingleInstanceGuard.hpp"
+#include "contracts/QuillfortPromptEndpointStore.hpp"
+#include "platform/Clock.hpp"
+#include "platform/FileSystem.hpp"
+#include "platform/FileUserDefaults.hpp"
+#include "platform/InMemoryUserDefaults.hpp"
+#include "platform/ProcessInfo.hpp"
+#include "support/LogSink.hpp"
+
+namespace {
+
+using namespace quillfort;
+
+struct Options {
+    bool headless = false;
+    std::uint16_t loopbackPort = QuillfortPromptEndpointStore::defaultLoopbackPort;
+};
+
+void describeOptions(CLI::App& app, Options& options) {
+    app.add_flag("--headless", options.headless,
+                 "Run without a window (the only mode of this build; prompts are answered through automation "
+                 "directives and command files)");
+    app.add_option("--loopback-port", options.loopbackPort,
+                   "TCP port of the loopback listener on 127.0.0.1 (0: any free port)")
+        ->check(CLI::Range(0, 65535));
+    // The coordinator reads these from the whole command line itself; they are
+    // declared so that --help lists them and a misspelt flag is refused.
+    app.add_flag("--automation-preview-prompt")->description("Queue synthetic preview prompts at start");
+    app.add_option("--automation-preview-queue-count", "How many preview prompts to queue");
+    app.add_option("--automation-preview-host", "Remote host of the preview prompts");
+    app.add_option("--automation-preview-port", "Remote port of the preview prompts");
+    app.add_option("--automation-preview-protocol", "Transport protocol of the preview prompts (tcp, udp)");
+}
+
+std::shared_ptr<UserDefaults> agentUserDefaults(const ProcessInfo& processInfo,
+                                                const std::shared_ptr<FileSystem>& fileSystem) {
+    if (auto location = FileUserDefaults::standardLocation(processInfo, *fileSystem)) {
+        return std::make_shared<FileUserDefaults>(fileSystem, *location);
+    }
+    return std::make_shared<InMemoryUserDefaults>();
+}
+
+int runAgent(const ProcessInfo& processInfo, const Options& options) {
+    boost::asio::io_context mainContext(1);
+    auto mainThread = std::make_shared<AsioMainThreadExecutor>(mainContext);
+    // Registered first, so a signal during start-up ends the agent cleanly too.
+    boost::asio::signal_set signals(mainContext, SIGINT, SIGTERM);
+    auto fileSystem = defaultFileSystem();
+
+    const auto bootstrap = QuillfortAgentBootstrap::make(processInfo);
+
+    auto coordinator = std::make_shared<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
+        .processInfo = processInfo,
+        .userDefaults = agentUserDefaults(processInfo, fileSystem),
+        .rules = CachedRuleSnapshotReader::inSharedContainer(fileSystem),
+        .fileSystem = fileSystem,
+        .clock = systemClock(),
+        .uuids = randomUuidSource(),
+        .formatTime = {},
+    });
+
+    // Taken before anything else is built on top of the coordinator.
+    const QuillfortAgentSingleInstanceGuard singleInstanceGuard(*fileSystem, std::nullopt,
+                                                                processInfo.processIdentifier);
+
+    auto serviceHost = QuillfortAgentPromptServiceHost::make({
+        .coordinator = coordinator,
+        .mainThread = mainThread,
+        .fileSystem = fileSystem,
+        .homeDirectory = std::nullopt,
+        .processInfo = processInfo,
+        .clock = systemClock(),
+        .uuids = randomUuidSource(),
+        .loopbackPort = options.loopbackPort,
+    });
+
+    const bool shouldActivate = singleInstanceGuard.shouldActivateCurrentInstance();
+    bootstrap.logLaunch();
+    if (!shouldActivate) return 0;  // the running agent is left alone
+
+    serviceHost->start();
+    coordinator->seedPreviewPromptIfRequested(processInfo);
+
+    auto work = boost::asio::make_work_guard(mainContext);
+    signals.async_wait([&](const boost::system::error_code& code, int) {
+        if (!code) mainContext.stop();
+    });
+    mainContext.run();
+
+    // The agent keeps its host for the life of the process: manifest, status
+    // file and session directory stay for the next launch to replace.
+    serviceHost->stopForProcessExit();
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // A peer that hangs up before its answer is sent must not end the agent.
+    std::signal(SIGPIPE, SIG_IGN);
+    const auto processInfo = quillfort::ProcessInfo::current(argc, argv);
+    quillfort::setLogSink(quillfort::defaultLogSink(processInfo));
+
+    CLI::App app("Quillfort Agent: answers the firewall's flow prompts for this user session.", "quillfort-agent");
+    Options options;
+    describeOptions(app, options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error);
+    }
+
+    try {
+        return runAgent(processInfo, options);
+    } catch (const std::exception& error) {
+        quillfort::QuillfortLogger::logger(quillfort::QuillfortLogCategory::agent)
+            .error("The Quillfort agent stopped on an unexpected error: %{public}s", error.what());
+        return 1;
+    }
+}
