@@ -539,7 +539,8 @@ void QuillfortAgentPromptServiceHost::finishRequest(const Uuid& promptID, const 
 
 void QuillfortAgentPromptServiceHost::finishInvalidRequest(const std::filesystem::path& url,
                                                            const std::string& errorMessage) {
-    const auto promptID = Uuid::parse(url.stem().string()).value_or(uuids_->next());
+    auto parsed = Uuid::parse(url.stem().string());
+    const Uuid promptID = parsed ? *parsed : uuids_->next();
     const QuillfortPromptBridgeResponseEnvelope responseEnvelope{
         .promptID = promptID,
         .response = std::nullopt,

@@ -1,0 +1,573 @@
+#include "QuillfortAgent/QuillfortAgentPromptServiceHost.hpp"
+
+#include <sys/socket.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "contracts/PromptAgentStatusStore.hpp"
+#include "contracts/RuleSnapshotStore.hpp"
+#include "tests/QuillfortAgent/ServiceHostHarness.hpp"
+
+namespace quillfort {
+namespace {
+
+using namespace quillfort::testing;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+constexpr std::string_view decodeFailureText = "Failed to decode the Quillfort prompt request.";
+
+std::optional<PromptAgentStatusSnapshot> statusOnDisk(ServiceHostHarness& harness) {
+    auto loaded = PromptAgentStatusStore(*harness.fileSystem, harness.statusFile()).loadIfPresent();
+    if (!loaded) return std::nullopt;
+    return *loaded;
+}
+
+// --- Start-up and status texts ------------------------------------------------
+
+struct StartCase {
+    std::string name;
+    bool loopbackDisabled;
+    bool manifestFails;
+    bool portTaken;
+    std::string statusText;
+    bool listenerReady;
+    bool loopbackListenerReady;
+};
+
+class ServiceHostStart : public ::testing::TestWithParam<StartCase> {};
+
+TEST_P(ServiceHostStart, SettlesOnTheStatusOfWhatCameUp) {
+    const auto& param = GetParam();
+    ServiceHostHarness harness;
+
+    // Occupying a port makes the listener fail the way a second listener would.
+    int blocker = -1;
+    std::uint16_t port = 0;
+    if (param.portTaken) {
+        blocker = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(::bind(blocker, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ASSERT_EQ(::listen(blocker, 1), 0);
+        socklen_t length = sizeof address;
+        ::getsockname(blocker, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+    }
+    Environment environment;
+    if (param.loopbackDisabled) environment["QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER"] = "1";
+    harness.makeHost({.environment = environment, .loopbackPort = port});
+    if (param.manifestFails) {
+        harness.fakeFileSystem->failOn(FakeFileSystem::Operation::createDirectories, harness.requestsDirectory(),
+                                       EACCES);
+    }
+    harness.host->start();
+
+    ASSERT_TRUE(harness.runUntil([&] { return harness.host->status().statusText == param.statusText; }))
+        << harness.host->status().statusText;
+    const auto status = harness.host->status();
+    EXPECT_EQ(status.listenerReady, param.listenerReady);
+    EXPECT_EQ(status.manifestPublished, param.listenerReady);
+    EXPECT_EQ(status.loopbackListenerReady, param.loopbackListenerReady);
+    // The coordinator shows the same line, and the file ends with the newest snapshot.
+    EXPECT_TRUE(harness.runUntil([&] { return harness.coordinator->listenerStatus().value() == param.statusText; }));
+    EXPECT_TRUE(harness.runUntil([&] { return statusOnDisk(harness) == harness.host->status(); }));
+
+    EXPECT_EQ(harness.logged("Skipping the loopback prompt listener because automation explicitly disabled it "
+                             "for this QuillfortAgent launch."),
+              param.loopbackDisabled);
+    EXPECT_EQ(harness.logged("Failed to publish prompt listener endpoint: "), param.manifestFails);
+    EXPECT_EQ(harness.logged("Failed to start the loopback prompt listener: "), param.portTaken);
+    if (param.loopbackDisabled || param.portTaken) {
+        EXPECT_EQ(harness.host->loopbackPort(), 0);
+    }
+    if (blocker >= 0) ::close(blocker);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    StatusTexts, ServiceHostStart,
+    ::testing::Values(
+        StartCase{"AllUp", false, false, false, "Prompt bridge ready.", true, true},
+        StartCase{"LoopbackDisabled", true, false, false,
+                  "Prompt manifest published. Loopback listener disabled for automation.", true, false},
+        StartCase{"ManifestUnavailable", false, true, false, "Loopback listener ready (manifest unavailable).", false,
+                  true},
+        StartCase{"NothingUp", true, true, false,
+                  "Prompt manifest unavailable. Waiting for prompt listener readiness.", false, false},
+        StartCase{"ListenerFailed", false, false, true, "Prompt manifest published, but the loopback listener failed.",
+                  true, false},
+        StartCase{"BothFailed", false, true, true, "Prompt bridge degraded: loopback listener failed.", false,
+                  false}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(ServiceHost, PublishesTheManifestOfItsOwnSession) {
+    ServiceHostHarness harness;
+    harness.startHost();
+
+    auto manifest = QuillfortPromptEndpointStore::load(*harness.fileSystem, harness.home.path());
+    ASSERT_TRUE(manifest);
+    ASSERT_TRUE(*manifest);
+    EXPECT_EQ((*manifest)->transport, QuillfortPromptBridgeTransportKind::fileRequestResponse);
+    EXPECT_EQ((*manifest)->sessionIdentifier, harness.host->sessionIdentifier());
+    EXPECT_EQ((*manifest)->requestsDirectoryPath, harness.requestsDirectory().string());
+    EXPECT_EQ((*manifest)->responsesDirectoryPath, harness.responsesDirectory().string());
+    EXPECT_EQ(harness.host->sessionIdentifier(), uuidNumber(100).uppercaseString());
+    EXPECT_TRUE(harness.logged("Published prompt listener manifest at " +
+                               (harness.container() / "QuillfortPromptAgent.endpoint").string() +
+                               " for file transport session " + harness.host->sessionIdentifier() + ". requests="));
+}
+
+TEST(ServiceHost, StatusWriteFailureStillUpdatesMemoryAndCoordinator) {
+    ServiceHostHarness harness;
+    harness.makeHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    harness.fakeFileSystem->failOn(FakeFileSystem::Operation::writeFileAtomically, harness.statusFile(), EROFS);
+    harness.host->start();
+
+    const std::string expected = "Prompt manifest published. Loopback listener disabled for automation.";
+    EXPECT_TRUE(harness.waitForLog("Failed to persist the prompt-agent status snapshot: "));
+    EXPECT_EQ(harness.host->status().statusText, expected);
+    EXPECT_TRUE(harness.runUntil([&] { return harness.coordinator->listenerStatus().value() == expected; }));
+    EXPECT_FALSE(harness.fileSystem->exists(harness.statusFile()));
+}
+
+// --- Requests answered by an automation directive -----------------------------
+
+TEST(ServiceHostFileBridge, AutomationDirectiveAnswersAtOnceAndMergesTheRule) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-permanent"}}});
+    const auto requestFile = harness.writeRequest(sampleEnvelope(1));
+
+    ASSERT_TRUE(harness.waitForResponse(sampleUuid(1)));
+    const auto answer = *harness.response(sampleUuid(1));
+    EXPECT_EQ(answer.promptID, sampleUuid(1));
+    EXPECT_FALSE(answer.errorMessage);
+    ASSERT_TRUE(answer.response);
+    EXPECT_EQ(answer.response->action, RuleAction::allow);
+    EXPECT_EQ(answer.response->scope, RuleScope::persistent);
+    EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(requestFile); }));
+
+    auto snapshot = RuleSnapshotStore(*harness.fileSystem, harness.ruleSnapshotFile()).loadIfPresent();
+    ASSERT_TRUE(snapshot && *snapshot);
+    ASSERT_THAT((*snapshot)->rules, SizeIs(1));
+    EXPECT_EQ((*snapshot)->rules[0].origin, RuleOrigin::promptResolved);
+    EXPECT_EQ((*snapshot)->rules[0].priority, 10000);
+
+    EXPECT_TRUE(harness.logged("Auto-resolved prompt " + sampleUuid(1).uppercaseString() +
+                               " using preset allow-permanent."));
+    // Answered without a window; the coordinator only records it.
+    EXPECT_TRUE(harness.runUntil([&] { return harness.coordinator->recentResponses().value().size() == 1; }));
+    EXPECT_THAT(harness.queuedIDs(), IsEmpty());
+    const auto status = harness.host->status();
+    EXPECT_TRUE(status.lastPromptReceivedAt);
+    EXPECT_TRUE(status.lastPromptResolvedAt);
+}
+
+TEST(ServiceHostFileBridge, FocusElsewhereLeavesThePromptToTheCoordinator) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"},
+                                       {"QUILLFORT_AUTOMATION_RULE_HOST", "other.example.org"}}});
+    // The file's name is not the prompt's id: the answer still goes under the id.
+    const auto requestFile = harness.writeRequest(sampleEnvelope(2), "client-chosen-name.json");
+
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(2)));
+    EXPECT_FALSE(harness.response(sampleUuid(2)));
+    EXPECT_TRUE(harness.fileSystem->exists(requestFile));
+
+    harness.coordinator->resolvePrompt(sampleUuid(2), AgentPromptDecisionPreset::blockOnce);
+    ASSERT_TRUE(harness.waitForResponse(sampleUuid(2)));
+    const auto answer = *harness.response(sampleUuid(2));
+    ASSERT_TRUE(answer.response);
+    EXPECT_EQ(answer.response->action, RuleAction::drop);
+    EXPECT_EQ(answer.response->scope, RuleScope::temporary);
+    EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(requestFile); }));
+    // A one-time answer makes no rule, so the snapshot is not even created.
+    EXPECT_FALSE(harness.fileSystem->exists(harness.ruleSnapshotFile()));
+}
+
+TEST(ServiceHostFileBridge, BlockedRuleSnapshotDoesNotStopTheAnswer) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "block-permanent"}}});
+    ASSERT_TRUE(harness.fileSystem->createDirectories(harness.ruleSnapshotFile()));
+    harness.writeRequest(sampleEnvelope(3));
+
+    ASSERT_TRUE(harness.waitForResponse(sampleUuid(3)));
+    EXPECT_EQ(harness.response(sampleUuid(3))->response->action, RuleAction::drop);
+    EXPECT_TRUE(harness.logged(
+        "Failed to persist the prompt-resolved shared rule snapshot in the agent helper: "));
+}
+
+// --- What is taken from the requests directory, and in which order -----------
+
+// Lists the real directory but reports the creation dates a test chose, in a
+// listing order the test chose, so ordering does not depend on the clock.
+class ChosenDatesFileSystem final : public FileSystem {
+public:
+    explicit ChosenDatesFileSystem(std::shared_ptr<FileSystem> real) : real_(std::move(real)) {}
+
+    // File name -> date (absent: unknown). Listed in the order given here first.
+    std::vector<std::pair<std::string, std::optional<Date>>> chosen;
+
+    [[nodiscard]] Result<std::vector<DirectoryEntry>> listDirectory(const std::filesystem::path& path,
+                                                                    bool skipHidden) const override {
+        auto listing = real_->listDirectory(path, skipHidden);
+        if (!listing || chosen.empty()) return listing;
+        std::vector<DirectoryEntry> ordered;
+        for (const auto& [name, date] : chosen) {
+            for (const auto& entry : *listing) {
+                if (entry.path.filename() == name) ordered.push_back({entry.path, date});
+            }
+        }
+        return ordered;
+    }
+
+    [[nodiscard]] std::optional<std::filesystem::path> currentHomeDirectory() const override {
+        return real_->currentHomeDirectory();
+    }
+    [[nodiscard]] std::optional<std::filesystem::path> appGroupContainer(std::string_view id) const override {
+        return real_->appGroupContainer(id);
+    }
+    [[nodiscard]] std::optional<std::filesystem::path> consoleUserHomeDirectory() const override {
+        return real_->consoleUserHomeDirectory();
+    }
+    [[nodiscard]] bool exists(const std::filesystem::path& p) const override { return real_->exists(p); }
+    [[nodiscard]] bool isDirectory(const std::filesystem::path& p) const override { return real_->isDirectory(p); }
+    [[nodiscard]] VoidResult createDirectories(const std::filesystem::path& p) override {
+        return real_->createDirectories(p);
+    }
+    [[nodiscard]] VoidResult setPosixPermissions(const std::filesystem::path& p, unsigned mode) override {
+        return real_->setPosixPermissions(p, mode);
+    }
+    [[nodiscard]] VoidResult removeItem(const std::filesystem::path& p) override { return real_->removeItem(p); }
+    [[nodiscard]] Result<std::string> readFile(const std::filesystem::path& p) const override {
+        return real_->readFile(p);
+    }
+    [[nodiscard]] Result<FileIdentity> fileIdentity(const std::filesystem::path& p) const override {
+        return real_->fileIdentity(p);
+    }
+    [[nodiscard]] VoidResult writeFileAtomically(const std::filesystem::path& p, std::string_view bytes) override {
+        return real_->writeFileAtomically(p, bytes);
+    }
+    [[nodiscard]] std::filesystem::path temporaryDirectory() const override { return real_->temporaryDirectory(); }
+
+private:
+    std::shared_ptr<FileSystem> real_;
+};
+
+TEST(ServiceHostFileBridge, TakesJsonFilesEarliestFirstWithUnknownDatesFirstAndTiesInListingOrder) {
+    TemporaryDirectory scratch;
+    auto chosenDates = std::make_shared<ChosenDatesFileSystem>(std::make_shared<FakeFileSystem>(scratch.path()));
+    ServiceHostHarness harness(chosenDates);
+    harness.makeHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+
+    // Everything is in place before the first poll, so one cycle sees it all.
+    const auto t0 = sampleDate();
+    harness.writeRequest(sampleEnvelope(1), "late.json");
+    harness.writeRequest(sampleEnvelope(2), "early.json");
+    harness.writeRequest(sampleEnvelope(3), "undated.json");
+    harness.writeRequest(sampleEnvelope(4), "tie-first.json");
+    harness.writeRequest(sampleEnvelope(5), "tie-second.json");
+    harness.writeRequest(sampleEnvelope(6), "upper.JSON");
+    harness.writeFile(harness.requestsDirectory() / "notes.txt", "not a request");
+    chosenDates->chosen = {{"late.json", t0 + 30s},       {"tie-first.json", t0 + 10s}, {"early.json", t0},
+                           {"tie-second.json", t0 + 10s}, {"undated.json", std::nullopt}, {"upper.JSON", t0},
+                           {"notes.txt", t0}};
+    harness.host->start();
+
+    ASSERT_TRUE(harness.runUntil([&] { return harness.queuedIDs().size() == 5; }));
+    EXPECT_THAT(harness.queuedIDs(),
+                ElementsAre(sampleUuid(3), sampleUuid(2), sampleUuid(4), sampleUuid(5), sampleUuid(1)));
+    EXPECT_TRUE(harness.fileSystem->exists(harness.requestsDirectory() / "upper.JSON"));
+    EXPECT_TRUE(harness.fileSystem->exists(harness.requestsDirectory() / "notes.txt"));
+}
+
+TEST(ServiceHostFileBridge, HiddenAndOtherFilesAreNeverTouched) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}}});
+    const auto hidden = harness.writeRequest(sampleEnvelope(7), "." + bridgeFileName(sampleUuid(7)));
+    harness.writeFile(harness.requestsDirectory() / "readme.txt", "{}");
+    // A request written afterwards proves that polls have run past the others.
+    harness.writeRequest(sampleEnvelope(8));
+
+    ASSERT_TRUE(harness.waitForResponse(sampleUuid(8)));
+    EXPECT_TRUE(harness.fileSystem->exists(hidden));
+    EXPECT_EQ(*harness.fileSystem->readFile(harness.requestsDirectory() / "readme.txt"), "{}");
+    EXPECT_FALSE(harness.response(sampleUuid(7)));
+}
+
+TEST(ServiceHostFileBridge, UnansweredRequestIsHandedOnOnlyOnce) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    const auto waiting = harness.writeRequest(sampleEnvelope(10));
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(10)));
+
+    // Each later request needs a poll of its own, and every poll sees the first file again.
+    for (std::uint64_t n = 11; n <= 13; ++n) {
+        harness.writeRequest(sampleEnvelope(n));
+        ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(n)));
+    }
+    EXPECT_EQ(harness.logCount("Queued prompt " + sampleUuid(10).uppercaseString() + " for api.example.com."), 1u);
+    EXPECT_TRUE(harness.fileSystem->exists(waiting));
+}
+
+struct InvalidRequestCase {
+    std::string name;
+    std::string fileName;
+    std::string content;
+    Uuid expectedPromptID;
+};
+
+class ServiceHostInvalidRequest : public ::testing::TestWithParam<InvalidRequestCase> {};
+
+TEST_P(ServiceHostInvalidRequest, IsAnsweredWithTheDecodeErrorAndRemoved) {
+    const auto& param = GetParam();
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    const auto file = harness.requestsDirectory() / param.fileName;
+    harness.writeFile(file, param.content);
+
+    ASSERT_TRUE(harness.waitForResponse(param.expectedPromptID));
+    const auto answer = *harness.response(param.expectedPromptID);
+    EXPECT_EQ(answer.errorMessage, std::string(decodeFailureText));
+    EXPECT_FALSE(answer.response);
+    EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(file); }));
+    EXPECT_TRUE(harness.logged("Failed to decode prompt bridge request: "));
+    // Nothing was received as far as the status goes.
+    EXPECT_FALSE(harness.host->status().lastPromptReceivedAt);
+    EXPECT_FALSE(harness.host->status().lastPromptResolvedAt);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Files, ServiceHostInvalidRequest,
+    ::testing::Values(
+        // The session identifier took identifier 100, so the next random one is 101.
+        InvalidRequestCase{"NameNotAUuid", "garbage.json", "{not json", uuidNumber(101)},
+        InvalidRequestCase{"NamedAfterAUuid", bridgeFileName(sampleUuid(20)), "[]", sampleUuid(20)},
+        InvalidRequestCase{"LowerCaseUuidName", "00000000-0000-4000-8000-00000000001e.json", "", sampleUuid(30)},
+        InvalidRequestCase{"MissingCreatedAt", bridgeFileName(sampleUuid(21)),
+                           R"({"request":)" + encodeCompact(sampleRequest(21)) + "}", sampleUuid(21)}),
+    [](const auto& info) { return info.param.name; });
+
+// --- Automation commands --------------------------------------------------------
+
+struct CommandCase {
+    FlowPromptAutomationPreset preset;
+    RuleAction action;
+    RuleScope scope;
+};
+
+class ServiceHostAutomationCommand : public ::testing::TestWithParam<CommandCase> {};
+
+TEST_P(ServiceHostAutomationCommand, ResolvesTheQueuedPromptWithThePresetOfTheSamePosition) {
+    const auto& param = GetParam();
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    harness.writeRequest(sampleEnvelope(40));
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(40)));
+
+    harness.writeCommand(sampleUuid(40), param.preset);
+    ASSERT_TRUE(harness.waitForResponse(sampleUuid(40)));
+    const auto answer = *harness.response(sampleUuid(40));
+    ASSERT_TRUE(answer.response);
+    EXPECT_EQ(answer.response->action, param.action);
+    EXPECT_EQ(answer.response->scope, param.scope);
+    EXPECT_FALSE(harness.fileSystem->exists(harness.commandFile()));
+    EXPECT_TRUE(harness.logged("Applying prompt automation command for " + sampleUuid(40).uppercaseString() +
+                               " using preset " + std::string(rawValue(param.preset)) + "."));
+    // Session answers are kept in the shared snapshot as well as lasting ones.
+    EXPECT_EQ(harness.fileSystem->exists(harness.ruleSnapshotFile()), param.scope != RuleScope::temporary);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Presets, ServiceHostAutomationCommand,
+    ::testing::Values(CommandCase{FlowPromptAutomationPreset::allowOnce, RuleAction::allow, RuleScope::temporary},
+                      CommandCase{FlowPromptAutomationPreset::allowSession, RuleAction::allow, RuleScope::session},
+                      CommandCase{FlowPromptAutomationPreset::blockPermanent, RuleAction::drop,
+                                  RuleScope::persistent}));
+
+TEST(ServiceHostAutomationCommand, CommandForAnUnknownPromptIsRemovedAndIgnored) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    harness.writeRequest(sampleEnvelope(50));
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(50)));
+
+    harness.writeCommand(sampleUuid(51), FlowPromptAutomationPreset::allowOnce);
+    ASSERT_TRUE(harness.waitForLog("Ignoring prompt automation command for " + sampleUuid(51).uppercaseString() +
+                                   " because the prompt is no longer active."));
+    EXPECT_FALSE(harness.fileSystem->exists(harness.commandFile()));
+    EXPECT_TRUE(harness.isQueued(sampleUuid(50)));
+}
+
+TEST(ServiceHostAutomationCommand, CommandPresentAtStartIsClearedUnapplied) {
+    ServiceHostHarness harness;
+    harness.makeHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    harness.writeRequest(sampleEnvelope(60));
+    harness.writeCommand(sampleUuid(60), FlowPromptAutomationPreset::blockOnce);
+    harness.host->start();
+
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(60)));
+    harness.writeRequest(sampleEnvelope(61));
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(61)));
+    EXPECT_TRUE(harness.isQueued(sampleUuid(60)));
+    EXPECT_FALSE(harness.logged("Applying prompt automation command"));
+}
+
+// --- Presentation state -----------------------------------------------------------
+
+TEST(ServiceHostStatus, QueuedPromptsArePublishedInQueueOrder) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    harness.writeRequest(sampleEnvelope(70, "first.example.com"));
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(70)));
+    harness.writeRequest(sampleEnvelope(71, "second.example.com"));
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(71)));
+
+    ASSERT_TRUE(harness.runUntil([&] { return harness.host->status().activePromptCount == 2; }));
+    auto status = harness.host->status();
+    ASSERT_TRUE(status.activePrompt);
+    EXPECT_EQ(status.activePrompt->promptID, sampleUuid(70));
+    EXPECT_EQ(status.activePrompt->queueCount, 2);
+    ASSERT_THAT(status.queuedPrompts, SizeIs(2));
+    EXPECT_EQ(status.queuedPrompts[0].host, "first.example.com");
+    EXPECT_EQ(status.queuedPrompts[1].host, "second.example.com");
+    EXPECT_TRUE(harness.runUntil([&] { return statusOnDisk(harness) == harness.host->status(); }));
+
+    harness.coordinator->resolvePrompt(sampleUuid(70), AgentPromptDecisionPreset::allowOnce);
+    ASSERT_TRUE(harness.runUntil([&] { return harness.host->status().activePromptCount == 1; }));
+    status = harness.host->status();
+    EXPECT_EQ(status.activePrompt->promptID, sampleUuid(71));
+    EXPECT_EQ(status.activePrompt->queueCount, 1);
+}
+
+AgentPromptSession sessionFor(FlowPromptRequest request, AgentPromptDecisionPreset preset) {
+    AgentPromptSession session;
+    session.request = std::move(request);
+    session.selectedPreset = preset;
+    return session;
+}
+
+struct SnapshotCase {
+    std::string name;
+    std::function<void(AgentPromptSession&)> change;
+    std::string host;
+    std::optional<std::uint16_t> port;
+    std::string processDisplayTitle;
+};
+
+class ServiceHostPromptSnapshot : public ::testing::TestWithParam<SnapshotCase> {};
+
+TEST_P(ServiceHostPromptSnapshot, ShowsHostPortAndProcessAsPeopleReadThem) {
+    const auto& param = GetParam();
+    auto session = sessionFor(sampleRequest(1), AgentPromptDecisionPreset::allowOnce);
+    param.change(session);
+
+    const auto queued = QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(session);
+    EXPECT_EQ(queued.promptID, sampleUuid(1));
+    EXPECT_EQ(queued.host, param.host);
+    EXPECT_EQ(queued.port, param.port);
+    EXPECT_EQ(queued.processDisplayTitle, param.processDisplayTitle);
+
+    const auto active = QuillfortAgentPromptServiceHost::makeActivePromptSnapshot(session, 3);
+    EXPECT_EQ(active.queueCount, 3);
+    EXPECT_EQ(active.host, queued.host);
+    EXPECT_EQ(active.previewText, queued.previewText);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Sessions, ServiceHostPromptSnapshot,
+    ::testing::Values(
+        SnapshotCase{"Sample", [](AgentPromptSession&) {}, "api.example.com", 443, "curl"},
+        SnapshotCase{"BundleIdentifierWins",
+                     [](AgentPromptSession& s) { s.request.context.matchedProcessNode->identity.bundleID = "com.x.App"; },
+                     "api.example.com", 443, "com.x.App"},
+        SnapshotCase{"EmptyBundleIdentifierFallsBackToPath",
+                     [](AgentPromptSession& s) {
+                         s.request.context.matchedProcessNode->identity.bundleID = "";
+                         s.request.context.matchedProcessNode->identity.executablePath = "/opt/tools/bin/";
+                     },
+                     "api.example.com", 443, "bin"},
+        SnapshotCase{"NoProcess",
+                     [](AgentPromptSession& s) { s.request.context.matchedProcessNode.reset(); }, "api.example.com",
+                     443, "Unknown Process"},
+        SnapshotCase{"EmptyPath",
+                     [](AgentPromptSession& s) { s.request.context.matchedProcessNode->identity.executablePath = ""; },
+                     "api.example.com", 443, "Unknown Process"},
+        SnapshotCase{"RemoteEndpointOnly",
+                     [](AgentPromptSession& s) {
+                         s.request.context.matchedHostname.reset();
+                         s.request.context.flow.hostText.reset();
+                         s.request.context.flow.port.reset();
+                     },
+                     "93.184.216.34", 443, "curl"},
+        SnapshotCase{"PresentEmptyHostIsKept",
+                     [](AgentPromptSession& s) { s.request.context.matchedHostname = ""; }, "", 443, "curl"},
+        SnapshotCase{"NothingKnown",
+                     [](AgentPromptSession& s) {
+                         s.request.context.matchedHostname.reset();
+                         s.request.context.flow.hostText.reset();
+                         s.request.context.flow.port.reset();
+                         s.request.context.flow.remoteEndpoint.reset();
+                     },
+                     "unknown-host", std::nullopt, "curl"}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(ServiceHostPromptSnapshot, PreviewNamesTheRuleOrTheTemporaryDecision) {
+    const auto lasting = sessionFor(sampleRequest(1), AgentPromptDecisionPreset::allowSession);
+    const auto rule = lasting.suggestedRule();
+    ASSERT_TRUE(rule);
+    EXPECT_EQ(QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(lasting).previewText,
+              "allow session " + rule->name);
+
+    const auto once = sessionFor(sampleRequest(1), AgentPromptDecisionPreset::blockOnce);
+    EXPECT_EQ(QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(once).previewText, "Temporary drop decision");
+}
+
+// --- Teardown ------------------------------------------------------------------------
+
+TEST(ServiceHostTeardown, DestroyingAStartedHostRemovesWhatItPublished) {
+    ServiceHostHarness harness;
+    harness.startHost();
+    ASSERT_TRUE(harness.runUntil([&] { return harness.fileSystem->exists(harness.statusFile()); }));
+    const auto session = harness.sessionDirectory();
+    const auto manifest = harness.container() / "QuillfortPromptAgent.endpoint";
+    ASSERT_TRUE(harness.fileSystem->exists(manifest));
+
+    const auto statusFile = harness.statusFile();
+    harness.host.reset();
+    // A poll running at this moment may hold the host a little longer; the
+    // teardown then happens when that poll lets go.
+    EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(session); }));
+    EXPECT_FALSE(harness.fileSystem->exists(manifest));
+    EXPECT_FALSE(harness.fileSystem->exists(statusFile));
+}
+
+TEST(ServiceHostTeardown, StoppingForProcessExitLeavesFilesForTheNextLaunch) {
+    ServiceHostHarness harness;
+    harness.startHost();
+    ASSERT_TRUE(harness.runUntil([&] { return harness.fileSystem->exists(harness.statusFile()); }));
+    const auto session = harness.sessionDirectory();
+
+    harness.host->stopForProcessExit();
+    harness.host.reset();
+    EXPECT_TRUE(harness.fileSystem->exists(harness.container() / "QuillfortPromptAgent.endpoint"));
+    EXPECT_TRUE(harness.fileSystem->exists(harness.statusFile()));
+    EXPECT_TRUE(harness.fileSystem->exists(session / "Requests"));
+}
+
+TEST(ServiceHostTeardown, AHostThatNeverStartedLeavesAnotherAgentsFilesAlone) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    ASSERT_TRUE(harness.runUntil([&] { return harness.fileSystem->exists(harness.statusFile()); }));
+    const auto running = harness.host;
+
+    harness.makeHost();
+    harness.host.reset();
+    EXPECT_TRUE(harness.fileSystem->exists(harness.container() / "QuillfortPromptAgent.endpoint"));
+    EXPECT_TRUE(harness.fileSystem->exists(harness.statusFile()));
+    harness.host = running;
+}
+
+}  // namespace
+}  // namespace quillfort

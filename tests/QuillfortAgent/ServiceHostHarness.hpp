@@ -1,0 +1,282 @@
+// A service host in a temporary home with a real coordinator, its main thread
+// being the test's own thread (an io_context the test runs while it waits),
+// and helpers that act as the filter side would: request files, command files
+// and loopback connections.
+#pragma once
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <gtest/gtest.h>
+
+#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/AsioMainThreadExecutor.hpp"
+#include "QuillfortAgent/QuillfortAgentPromptServiceHost.hpp"
+#include "contracts/PromptAgentAutomationCommand.hpp"
+#include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
+#include "contracts/QuillfortPromptEndpointStore.hpp"
+#include "contracts/QuillfortSharedContainer.hpp"
+#include "model/Json.hpp"
+#include "platform/InMemoryUserDefaults.hpp"
+#include "support/LogSink.hpp"
+#include "tests/testsupport/FakeFileSystem.hpp"
+#include "tests/testsupport/ModelSamples.hpp"
+#include "tests/testsupport/SequentialUuidSource.hpp"
+#include "tests/testsupport/TemporaryDirectory.hpp"
+
+namespace quillfort::testing {
+
+using Environment = std::map<std::string, std::string>;
+using namespace std::chrono_literals;
+
+// Generous: the machine may be busy compiling; nothing is asserted on time.
+inline constexpr std::chrono::seconds waitDeadline{10};
+
+class NoRules final : public RuleSnapshotReader {
+public:
+    [[nodiscard]] std::vector<Rule> currentRules() override { return {}; }
+};
+
+inline FlowPromptRequest sampleRequest(std::uint64_t n, const std::string& host = "api.example.com") {
+    FlowPromptRequest request{.id = sampleUuid(n), .context = sampleFlowContext(), .suggestedRule = {}};
+    request.context.matchedHostname = host;
+    request.context.flow.hostText = host;
+    return request;
+}
+
+inline QuillfortPromptBridgeRequestEnvelope sampleEnvelope(std::uint64_t n,
+                                                           const std::string& host = "api.example.com") {
+    return {.request = sampleRequest(n, host), .createdAt = sampleDate()};
+}
+
+struct ServiceHostOptions {
+    Environment environment;
+    std::uint16_t loopbackPort = 0;  // any free port
+};
+
+class ServiceHostHarness {
+public:
+    explicit ServiceHostHarness(std::shared_ptr<FileSystem> fileSystemOverride = nullptr)
+        : fakeFileSystem(std::make_shared<FakeFileSystem>(home.path())),
+          fileSystem(fileSystemOverride ? std::move(fileSystemOverride) : fakeFileSystem) {
+        coordinator = std::make_shared<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
+            .processInfo = {},
+            .userDefaults = std::make_shared<InMemoryUserDefaults>(),
+            .rules = std::make_shared<NoRules>(),
+            .fileSystem = fileSystem,
+            .clock = systemClock(),
+            .uuids = std::make_shared<SequentialUuidSource>(5000),
+            .formatTime = [](auto) { return std::string("12:00:00"); },
+        });
+    }
+
+    ~ServiceHostHarness() {
+        host.reset();
+        // Lets the host's last main-thread tasks (releasing its observers) run.
+        mainContext.poll();
+    }
+
+    std::shared_ptr<QuillfortAgentPromptServiceHost> makeHost(ServiceHostOptions options = {}) {
+        host = QuillfortAgentPromptServiceHost::make({
+            .coordinator = coordinator,
+            .mainThread = mainThread,
+            .fileSystem = fileSystem,
+            .homeDirectory = home.path(),
+            .processInfo = {.environment = std::move(options.environment), .arguments = {}, .processIdentifier = 1},
+            .clock = systemClock(),
+            .uuids = uuids,
+            .loopbackPort = options.loopbackPort,
+        });
+        return host;
+    }
+
+    std::shared_ptr<QuillfortAgentPromptServiceHost> startHost(ServiceHostOptions options = {}) {
+        makeHost(std::move(options));
+        host->start();
+        return host;
+    }
+
+    // Runs the main thread until `condition` holds; false when the deadline passed first.
+    bool runUntil(const std::function<bool()>& condition) {
+        const auto deadline = std::chrono::steady_clock::now() + waitDeadline;
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() >= deadline) return false;
+            mainContext.run_one_for(10ms);
+        }
+        return true;
+    }
+
+    // --- Locations ---------------------------------------------------------
+
+    [[nodiscard]] std::filesystem::path container() const {
+        return *QuillfortSharedContainer::containerURL(*fileSystem, home.path());
+    }
+    [[nodiscard]] std::filesystem::path sessionDirectory() const {
+        return *QuillfortPromptEndpointStore::bridgeSessionDirectoryURL(host->sessionIdentifier(), *fileSystem,
+                                                                        home.path());
+    }
+    [[nodiscard]] std::filesystem::path requestsDirectory() const { return sessionDirectory() / "Requests"; }
+    [[nodiscard]] std::filesystem::path responsesDirectory() const { return sessionDirectory() / "Responses"; }
+    [[nodiscard]] std::filesystem::path statusFile() const { return container() / "PromptAgentStatus.json"; }
+    [[nodiscard]] std::filesystem::path ruleSnapshotFile() const { return container() / "RuleSnapshot.json"; }
+    [[nodiscard]] std::filesystem::path commandFile() const {
+        return sessionDirectory() / "PromptAgentAutomationCommand.json";
+    }
+
+    // --- Acting as the filter side ------------------------------------------
+
+    std::filesystem::path writeRequest(const QuillfortPromptBridgeRequestEnvelope& envelope,
+                                       std::optional<std::string> fileName = std::nullopt) {
+        const auto path = requestsDirectory() / fileName.value_or(bridgeFileName(envelope.request.id));
+        writeFile(path, encodeCompact(envelope));
+        return path;
+    }
+
+    void writeFile(const std::filesystem::path& path, const std::string& bytes) {
+        ASSERT_TRUE(fileSystem->createDirectories(path.parent_path()));
+        ASSERT_TRUE(fileSystem->writeFileAtomically(path, bytes));
+    }
+
+    void writeCommand(const Uuid& promptID, FlowPromptAutomationPreset preset) {
+        writeFile(commandFile(),
+                  encodePretty(PromptAgentAutomationCommand{.promptID = promptID, .preset = preset, .createdAt = sampleDate()}));
+    }
+
+    [[nodiscard]] std::optional<QuillfortPromptBridgeResponseEnvelope> response(const Uuid& promptID) const {
+        auto bytes = fileSystem->readFile(responsesDirectory() / bridgeFileName(promptID));
+        if (!bytes) return std::nullopt;
+        auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(*bytes);
+        if (!decoded) return std::nullopt;
+        return *decoded;
+    }
+
+    bool waitForResponse(const Uuid& promptID) {
+        return runUntil([&] { return response(promptID).has_value(); });
+    }
+
+    [[nodiscard]] bool isQueued(const Uuid& promptID) const {
+        for (const auto& session : coordinator->activePrompts().value()) {
+            if (session.request.id == promptID) return true;
+        }
+        return false;
+    }
+
+    bool waitUntilQueued(const Uuid& promptID) {
+        return runUntil([&] { return isQueued(promptID); });
+    }
+
+    [[nodiscard]] std::vector<Uuid> queuedIDs() const {
+        std::vector<Uuid> ids;
+        for (const auto& session : coordinator->activePrompts().value()) ids.push_back(session.request.id);
+        return ids;
+    }
+
+    [[nodiscard]] std::size_t logCount(const std::string& message) const {
+        std::size_t count = 0;
+        for (const auto& record : logs.records()) count += record.message == message ? 1 : 0;
+        return count;
+    }
+
+    [[nodiscard]] bool logged(const std::string& fragment) const { return logs.sink().containsMessagePart(fragment); }
+
+    bool waitForLog(const std::string& fragment) {
+        return runUntil([&] { return logged(fragment); });
+    }
+
+    ScopedLogCapture logs;
+    TemporaryDirectory home;
+    std::shared_ptr<FakeFileSystem> fakeFileSystem;
+    std::shared_ptr<FileSystem> fileSystem;
+    std::shared_ptr<SequentialUuidSource> uuids = std::make_shared<SequentialUuidSource>(100);
+    boost::asio::io_context mainContext{1};
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work{mainContext.get_executor()};
+    std::shared_ptr<AsioMainThreadExecutor> mainThread = std::make_shared<AsioMainThreadExecutor>(mainContext);
+    std::shared_ptr<AgentPromptCoordinator> coordinator;
+    std::shared_ptr<QuillfortAgentPromptServiceHost> host;
+};
+
+// A blocking loopback client with receive and send time-outs, so a test that
+// goes wrong fails instead of hanging.
+class LoopbackTestClient {
+public:
+    explicit LoopbackTestClient(std::uint16_t port) {
+        descriptor_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        timeval timeout{.tv_sec = waitDeadline.count(), .tv_usec = 0};
+        ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+        ::setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(port);
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        connected_ = ::connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~LoopbackTestClient() {
+        if (descriptor_ >= 0) ::close(descriptor_);
+    }
+    LoopbackTestClient(const LoopbackTestClient&) = delete;
+    LoopbackTestClient& operator=(const LoopbackTestClient&) = delete;
+
+    [[nodiscard]] bool connected() const noexcept { return connected_; }
+
+    bool send(std::string_view bytes) {
+        while (!bytes.empty()) {
+            const auto sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+            if (sent <= 0) return false;
+            bytes.remove_prefix(static_cast<std::size_t>(sent));
+        }
+        return true;
+    }
+
+    void finishSending() { ::shutdown(descriptor_, SHUT_WR); }
+
+    // Everything until the agent closes the connection; nothing on a time-out.
+    [[nodiscard]] std::optional<std::string> receiveAll() {
+        std::string received;
+        char buffer[4096];
+        while (true) {
+            const auto count = ::recv(descriptor_, buffer, sizeof buffer, 0);
+            if (count == 0) return received;
+            if (count < 0) return std::nullopt;
+            received.append(buffer, static_cast<std::size_t>(count));
+        }
+    }
+
+private:
+    int descriptor_ = -1;
+    bool connected_ = false;
+};
+
+// The 4-byte big-endian length header for `length`.
+inline std::string frameHeader(std::uint32_t length) {
+    return std::string{static_cast<char>(length >> 24), static_cast<char>(length >> 16),
+                       static_cast<char>(length >> 8), static_cast<char>(length)};
+}
+
+// The response envelope inside a whole frame, when it is one.
+inline std::optional<QuillfortPromptBridgeResponseEnvelope> decodeResponseFrame(const std::string& frame) {
+    if (frame.size() < 4) return std::nullopt;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(frame.data());
+    const std::uint32_t length = (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
+                                 (std::uint32_t{bytes[2]} << 8) | std::uint32_t{bytes[3]};
+    if (frame.size() != 4 + std::size_t{length}) return std::nullopt;
+    auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(std::string_view(frame).substr(4));
+    if (!decoded) return std::nullopt;
+    return *decoded;
+}
+
+}  // namespace quillfort::testing

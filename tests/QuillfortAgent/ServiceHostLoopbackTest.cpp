@@ -1,0 +1,206 @@
+#include "QuillfortAgent/QuillfortAgentPromptServiceHost.hpp"
+
+#include <future>
+#include <thread>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "contracts/PromptFrame.hpp"
+#include "tests/QuillfortAgent/ServiceHostHarness.hpp"
+
+namespace quillfort {
+namespace {
+
+using namespace quillfort::testing;
+
+constexpr std::string_view decodeFailureText = "Failed to decode the Quillfort prompt request.";
+constexpr std::string_view receiveFailure = "Failed to receive the loopback prompt request: ";
+
+std::string requestFrame(std::uint64_t n) { return *encodeFrame(encodeCompact(sampleEnvelope(n))); }
+
+// Starts a host with its loopback listener on a free port and waits until it listens.
+std::uint16_t startListening(ServiceHostHarness& harness, Environment environment = {}) {
+    harness.startHost({.environment = std::move(environment)});
+    EXPECT_TRUE(harness.runUntil([&] { return harness.host->status().loopbackListenerReady; }));
+    return harness.host->loopbackPort();
+}
+
+// The client blocks on its socket, so it runs beside the test thread, which
+// keeps running the main thread for the coordinator meanwhile.
+std::future<std::optional<std::string>> exchangeInBackground(std::uint16_t port, std::vector<std::string> pieces) {
+    return std::async(std::launch::async, [port, pieces = std::move(pieces)]() -> std::optional<std::string> {
+        LoopbackTestClient client(port);
+        if (!client.connected()) return std::nullopt;
+        for (const auto& piece : pieces) {
+            if (!client.send(piece)) return std::nullopt;
+        }
+        client.finishSending();
+        return client.receiveAll();
+    });
+}
+
+std::optional<std::string> awaitReply(ServiceHostHarness& harness, std::future<std::optional<std::string>>& reply) {
+    if (!harness.runUntil([&] { return reply.wait_for(0s) == std::future_status::ready; })) return std::nullopt;
+    return reply.get();
+}
+
+TEST(ServiceHostLoopback, AutomationDirectiveAnswersTheFrameAndRecordsBothTimes) {
+    ServiceHostHarness harness;
+    const auto port = startListening(harness, {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
+    ASSERT_NE(port, 0);
+    EXPECT_TRUE(harness.logged("Listening for loopback prompt requests on 127.0.0.1:" + std::to_string(port) + "."));
+
+    auto reply = exchangeInBackground(port, {requestFrame(1)});
+    const auto frame = awaitReply(harness, reply);
+    ASSERT_TRUE(frame);
+    const auto answer = decodeResponseFrame(*frame);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->promptID, sampleUuid(1));
+    ASSERT_TRUE(answer->response);
+    EXPECT_EQ(answer->response->action, RuleAction::allow);
+    EXPECT_EQ(answer->response->scope, RuleScope::temporary);
+
+    const auto status = harness.host->status();
+    EXPECT_TRUE(status.lastPromptReceivedAt);
+    EXPECT_TRUE(status.lastPromptResolvedAt);
+    EXPECT_THAT(harness.queuedIDs(), ::testing::IsEmpty());
+}
+
+struct PieceCase {
+    std::string name;
+    std::function<std::vector<std::string>(const std::string&)> split;
+};
+
+class ServiceHostLoopbackPieces : public ::testing::TestWithParam<PieceCase> {};
+
+TEST_P(ServiceHostLoopbackPieces, ReadsAFrameHoweverItArrives) {
+    ServiceHostHarness harness;
+    const auto port = startListening(harness, {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "block-once"}});
+
+    auto reply = exchangeInBackground(port, GetParam().split(requestFrame(2)));
+    const auto frame = awaitReply(harness, reply);
+    ASSERT_TRUE(frame);
+    const auto answer = decodeResponseFrame(*frame);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->promptID, sampleUuid(2));
+    EXPECT_EQ(answer->response->action, RuleAction::drop);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Splits, ServiceHostLoopbackPieces,
+    ::testing::Values(PieceCase{"Whole", [](const std::string& f) { return std::vector<std::string>{f}; }},
+                      PieceCase{"OneByteAtATime",
+                                [](const std::string& f) {
+                                    std::vector<std::string> pieces;
+                                    for (char c : f) pieces.emplace_back(1, c);
+                                    return pieces;
+                                }},
+                      PieceCase{"HeaderSplitInsidePayloadSplit",
+                                [](const std::string& f) {
+                                    return std::vector<std::string>{f.substr(0, 3), f.substr(3, 5), f.substr(8)};
+                                }}),
+    [](const auto& info) { return info.param.name; });
+
+struct UndecodableCase {
+    std::string name;
+    std::string frame;
+};
+
+class ServiceHostLoopbackUndecodable : public ::testing::TestWithParam<UndecodableCase> {};
+
+TEST_P(ServiceHostLoopbackUndecodable, IsAnsweredWithTheDecodeErrorUnderAFreshIdentifier) {
+    ServiceHostHarness harness;
+    const auto port = startListening(harness);
+
+    auto reply = exchangeInBackground(port, {GetParam().frame});
+    const auto frame = awaitReply(harness, reply);
+    ASSERT_TRUE(frame);
+    const auto answer = decodeResponseFrame(*frame);
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->errorMessage, std::string(decodeFailureText));
+    EXPECT_FALSE(answer->response);
+    // Identifier 100 named the session; the error envelope took the next one.
+    EXPECT_EQ(answer->promptID, uuidNumber(101));
+    EXPECT_TRUE(harness.logged("Failed to decode the loopback prompt request: "));
+    EXPECT_FALSE(harness.host->status().lastPromptReceivedAt);
+}
+
+INSTANTIATE_TEST_SUITE_P(Frames, ServiceHostLoopbackUndecodable,
+                         ::testing::Values(UndecodableCase{"ZeroLength", frameHeader(0)},
+                                           UndecodableCase{"NotJson", *encodeFrame("{\"request\":")},
+                                           UndecodableCase{"WrongShape", *encodeFrame("{\"createdAt\":1}")}),
+                         [](const auto& info) { return info.param.name; });
+
+struct CutCase {
+    std::string name;
+    std::string sent;
+    std::string logged;
+};
+
+class ServiceHostLoopbackCut : public ::testing::TestWithParam<CutCase> {};
+
+TEST_P(ServiceHostLoopbackCut, GetsNoAnswerAndIsLoggedAsAReceiveFailure) {
+    ServiceHostHarness harness;
+    const auto port = startListening(harness, {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
+
+    auto reply = exchangeInBackground(port, {GetParam().sent});
+    const auto frame = awaitReply(harness, reply);
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(*frame, "");
+    EXPECT_TRUE(harness.waitForLog(std::string(receiveFailure) + GetParam().logged));
+    EXPECT_FALSE(harness.host->status().lastPromptReceivedAt);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Streams, ServiceHostLoopbackCut,
+    ::testing::Values(
+        CutCase{"InsidePayload", frameHeader(10) + "123456",
+                "The loopback prompt connection closed before the full payload arrived."},
+        CutCase{"InsideHeader", std::string("\0\0", 2),
+                "The loopback prompt connection closed before the full payload arrived."},
+        CutCase{"Silent", "", "The loopback prompt connection closed before the full payload arrived."},
+        CutCase{"AnnouncesGigabytes", frameHeader(0xFFFFFFFFu),
+                "The loopback prompt request is larger than the agent accepts."}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(ServiceHostLoopback, CoordinatorAnswersReachTheRightClient) {
+    ServiceHostHarness harness;
+    const auto port = startListening(harness);
+
+    auto first = exchangeInBackground(port, {requestFrame(3)});
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(3)));
+    auto second = exchangeInBackground(port, {requestFrame(4)});
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(4)));
+
+    harness.coordinator->resolvePrompt(sampleUuid(4), AgentPromptDecisionPreset::blockSession);
+    const auto secondFrame = awaitReply(harness, second);
+    ASSERT_TRUE(secondFrame);
+    EXPECT_EQ(decodeResponseFrame(*secondFrame)->promptID, sampleUuid(4));
+    EXPECT_EQ(decodeResponseFrame(*secondFrame)->response->scope, RuleScope::session);
+    // The first client is still waiting for its user.
+    EXPECT_EQ(first.wait_for(0s), std::future_status::timeout);
+
+    harness.coordinator->resolvePrompt(sampleUuid(3), AgentPromptDecisionPreset::allowOnce);
+    const auto firstFrame = awaitReply(harness, first);
+    ASSERT_TRUE(firstFrame);
+    EXPECT_EQ(decodeResponseFrame(*firstFrame)->promptID, sampleUuid(3));
+    EXPECT_EQ(decodeResponseFrame(*firstFrame)->response->action, RuleAction::allow);
+}
+
+TEST(ServiceHostLoopback, AClientStuckInsideItsFrameDoesNotHoldUpOthers) {
+    ServiceHostHarness harness;
+    const auto port = startListening(harness, {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
+
+    LoopbackTestClient stuck(port);
+    ASSERT_TRUE(stuck.connected());
+    ASSERT_TRUE(stuck.send(frameHeader(100) + "{\"req"));
+
+    auto reply = exchangeInBackground(port, {requestFrame(5)});
+    const auto frame = awaitReply(harness, reply);
+    ASSERT_TRUE(frame);
+    EXPECT_EQ(decodeResponseFrame(*frame)->promptID, sampleUuid(5));
+}
+
+}  // namespace
+}  // namespace quillfort

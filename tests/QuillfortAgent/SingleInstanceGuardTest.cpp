@@ -1,0 +1,135 @@
+#include "QuillfortAgent/QuillfortAgentSingleInstanceGuard.hpp"
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+
+#include <gtest/gtest.h>
+
+#include "QuillfortAgent/QuillfortAgentBootstrap.hpp"
+#include "support/LogSink.hpp"
+#include "tests/testsupport/FakeFileSystem.hpp"
+#include "tests/testsupport/TemporaryDirectory.hpp"
+
+namespace quillfort {
+namespace {
+
+using testing::FakeFileSystem;
+using testing::TemporaryDirectory;
+
+std::string contentOf(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+struct GuardHome {
+    TemporaryDirectory home;
+    FakeFileSystem fileSystem{home.path()};
+    std::filesystem::path lockFile = home.path() / "Library" / "Group Containers" /
+                                     "group.com.vessimo.Quillfort.shared" / "QuillfortPromptBridge" /
+                                     "QuillfortAgent.lock";
+};
+
+TEST(SingleInstanceGuard, FirstInstanceTakesTheLockAndWritesItsIdentifier) {
+    GuardHome setup;
+    ASSERT_EQ(QuillfortAgentSingleInstanceGuard::lockFileURL(setup.fileSystem, std::nullopt), setup.lockFile);
+
+    const QuillfortAgentSingleInstanceGuard guard(setup.fileSystem, std::nullopt, 4711);
+    EXPECT_TRUE(guard.shouldActivateCurrentInstance());
+    EXPECT_GE(guard.fileDescriptor(), 0);
+    EXPECT_EQ(contentOf(setup.lockFile), "4711\n");
+    struct stat info{};
+    ASSERT_EQ(::stat(setup.lockFile.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0644u & ~[] {
+        const auto mask = ::umask(0);
+        ::umask(mask);
+        return mask;
+    }());
+}
+
+TEST(SingleInstanceGuard, SecondInstanceGivesWayAndLeavesTheFileAlone) {
+    GuardHome setup;
+    const QuillfortAgentSingleInstanceGuard first(setup.fileSystem, std::nullopt, 100);
+    {
+        const QuillfortAgentSingleInstanceGuard second(setup.fileSystem, std::nullopt, 200);
+        EXPECT_FALSE(second.shouldActivateCurrentInstance());
+        EXPECT_GE(second.fileDescriptor(), 0);
+    }
+    EXPECT_EQ(contentOf(setup.lockFile), "100\n");
+    // Going away did not release the first instance's lock either.
+    const QuillfortAgentSingleInstanceGuard third(setup.fileSystem, std::nullopt, 300);
+    EXPECT_FALSE(third.shouldActivateCurrentInstance());
+}
+
+TEST(SingleInstanceGuard, StaleIdentifierIsReplacedOnceTheLockIsFree) {
+    GuardHome setup;
+    {
+        const QuillfortAgentSingleInstanceGuard earlier(setup.fileSystem, std::nullopt, 123456789);
+        ASSERT_TRUE(earlier.shouldActivateCurrentInstance());
+    }
+    const QuillfortAgentSingleInstanceGuard later(setup.fileSystem, std::nullopt, 42);
+    EXPECT_TRUE(later.shouldActivateCurrentInstance());
+    EXPECT_EQ(contentOf(setup.lockFile), "42\n");
+}
+
+TEST(SingleInstanceGuard, WithoutContainerTheLockLivesInTheTemporaryDirectory) {
+    TemporaryDirectory temporary;
+    FakeFileSystem fileSystem;  // no home of any kind
+    fileSystem.setTemporaryDirectory(temporary.path());
+
+    EXPECT_EQ(QuillfortAgentSingleInstanceGuard::lockFileURL(fileSystem, std::nullopt),
+              temporary.path() / "QuillfortAgent.lock");
+    const QuillfortAgentSingleInstanceGuard guard(fileSystem, std::nullopt, 7);
+    EXPECT_TRUE(guard.shouldActivateCurrentInstance());
+    EXPECT_EQ(contentOf(temporary.path() / "QuillfortAgent.lock"), "7\n");
+}
+
+TEST(SingleInstanceGuard, FailsOpenWhenTheLockDirectoryCannotBeMade) {
+    GuardHome setup;
+    setup.fileSystem.failOn(FakeFileSystem::Operation::createDirectories, setup.lockFile.parent_path(), EACCES);
+
+    const QuillfortAgentSingleInstanceGuard guard(setup.fileSystem, std::nullopt, 1);
+    EXPECT_TRUE(guard.shouldActivateCurrentInstance());
+    EXPECT_EQ(guard.fileDescriptor(), -1);
+}
+
+TEST(SingleInstanceGuard, FailsOpenWhenTheLockFileCannotBeOpened) {
+    GuardHome setup;
+    // A directory where the file should be cannot be opened for writing.
+    std::filesystem::create_directories(setup.lockFile);
+
+    const QuillfortAgentSingleInstanceGuard guard(setup.fileSystem, std::nullopt, 1);
+    EXPECT_TRUE(guard.shouldActivateCurrentInstance());
+    EXPECT_EQ(guard.fileDescriptor(), -1);
+}
+
+struct LaunchCase {
+    std::map<std::string, std::string> environment;
+    std::string line;
+};
+
+class AgentBootstrapLaunchLine : public ::testing::TestWithParam<LaunchCase> {};
+
+TEST_P(AgentBootstrapLaunchLine, NamesVerboseLoggingOnlyForExactlyOne) {
+    const ScopedLogCapture logs;
+    QuillfortAgentBootstrap::make({.environment = GetParam().environment, .arguments = {}, .processIdentifier = 1})
+        .logLaunch();
+    ASSERT_EQ(logs.records().size(), 1u);
+    EXPECT_EQ(logs.records()[0].message, GetParam().line);
+    EXPECT_EQ(logs.records()[0].category, "agent");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Environments, AgentBootstrapLaunchLine,
+    ::testing::Values(
+        LaunchCase{{}, "Launching Quillfort agent login-item helper. verboseLogging=false"},
+        LaunchCase{{{"QUILLFORT_VERBOSE_LOGGING", "1"}},
+                   "Launching Quillfort agent login-item helper. verboseLogging=true"},
+        LaunchCase{{{"QUILLFORT_VERBOSE_LOGGING", "true"}},
+                   "Launching Quillfort agent login-item helper. verboseLogging=false"}));
+
+}  // namespace
+}  // namespace quillfort
