@@ -110,7 +110,7 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
 }
 
 QuillfortAgentPromptServiceHost::~QuillfortAgentPromptServiceHost() {
-    bridgeQueue_->shutdown([this] { cancelServingOnBridgeQueue(); });
+    stopServing();
 
     // The subscriptions belong to the coordinator's state, which only the main
     // thread may touch; the last owner of the host can be on any thread.
@@ -127,9 +127,13 @@ QuillfortAgentPromptServiceHost::~QuillfortAgentPromptServiceHost() {
     if (const auto& session = sessionDirectoryURL()) (void)fileManager_->removeItem(*session);
 }
 
+void QuillfortAgentPromptServiceHost::stopServing() {
+    bridgeQueue_->shutdown([this] { cancelServingOnBridgeQueue(); });
+}
+
 void QuillfortAgentPromptServiceHost::stopForProcessExit() {
     keepFilesOnTeardown_ = true;
-    bridgeQueue_->shutdown([this] { cancelServingOnBridgeQueue(); });
+    stopServing();
 }
 
 void QuillfortAgentPromptServiceHost::cancelServingOnBridgeQueue() {

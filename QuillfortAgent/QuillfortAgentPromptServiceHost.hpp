@@ -44,7 +44,9 @@ class QuillfortAgentPromptServiceHost : public std::enable_shared_from_this<Quil
 public:
     struct Dependencies {
         std::shared_ptr<AgentPromptCoordinator> coordinator;
-        std::shared_ptr<MainThreadExecutor> mainThread;  // where the coordinator lives
+        // Where the coordinator lives; it must keep accepting tasks for as long as
+        // the host exists (the host's last task releases its observers there).
+        std::shared_ptr<MainThreadExecutor> mainThread;
         std::shared_ptr<FileSystem> fileSystem;
         std::optional<std::filesystem::path> homeDirectory;  // the agent passes none
         ProcessInfo processInfo;                              // directive, focus and the loopback switch
@@ -69,9 +71,14 @@ public:
     // publishing and the loopback listener. A second call does nothing.
     void start();
 
-    // For the end of the process: stops the poll timer, the loopback listener and
-    // the bridge queue, but leaves manifest, status file and session directory
-    // for the next launch to replace. The host serves nothing afterwards.
+    // Stops the poll timer, the loopback listener and the bridge queue, waiting
+    // for a handler that is running on the queue. The host serves nothing
+    // afterwards, and no handler of its own can keep it alive any longer, so it
+    // is destroyed (and its files removed) on the thread that drops it last.
+    void stopServing();
+
+    // For the end of the process: stopServing(), and destruction then leaves
+    // manifest, status file and session directory for the next launch to replace.
     void stopForProcessExit();
 
     // Upper-case UUID text naming this launch's session directory.

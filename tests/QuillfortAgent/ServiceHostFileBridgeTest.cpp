@@ -333,7 +333,7 @@ TEST_P(ServiceHostInvalidRequest, IsAnsweredWithTheDecodeErrorAndRemoved) {
     EXPECT_EQ(answer.errorMessage, std::string(decodeFailureText));
     EXPECT_FALSE(answer.response);
     EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(file); }));
-    EXPECT_TRUE(harness.logged("Failed to decode prompt bridge request: "));
+    EXPECT_TRUE(harness.waitForLog("Failed to decode prompt bridge request: "));
     // Nothing was received as far as the status goes.
     EXPECT_FALSE(harness.host->status().lastPromptReceivedAt);
     EXPECT_FALSE(harness.host->status().lastPromptResolvedAt);
@@ -535,10 +535,8 @@ TEST(ServiceHostTeardown, DestroyingAStartedHostRemovesWhatItPublished) {
     ASSERT_TRUE(harness.fileSystem->exists(manifest));
 
     const auto statusFile = harness.statusFile();
-    harness.host.reset();
-    // A poll running at this moment may hold the host a little longer; the
-    // teardown then happens when that poll lets go.
-    EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(session); }));
+    harness.destroyHost();
+    EXPECT_FALSE(harness.fileSystem->exists(session));
     EXPECT_FALSE(harness.fileSystem->exists(manifest));
     EXPECT_FALSE(harness.fileSystem->exists(statusFile));
 }
@@ -550,7 +548,7 @@ TEST(ServiceHostTeardown, StoppingForProcessExitLeavesFilesForTheNextLaunch) {
     const auto session = harness.sessionDirectory();
 
     harness.host->stopForProcessExit();
-    harness.host.reset();
+    harness.destroyHost();
     EXPECT_TRUE(harness.fileSystem->exists(harness.container() / "QuillfortPromptAgent.endpoint"));
     EXPECT_TRUE(harness.fileSystem->exists(harness.statusFile()));
     EXPECT_TRUE(harness.fileSystem->exists(session / "Requests"));
@@ -563,7 +561,7 @@ TEST(ServiceHostTeardown, AHostThatNeverStartedLeavesAnotherAgentsFilesAlone) {
     const auto running = harness.host;
 
     harness.makeHost();
-    harness.host.reset();
+    harness.destroyHost();
     EXPECT_TRUE(harness.fileSystem->exists(harness.container() / "QuillfortPromptAgent.endpoint"));
     EXPECT_TRUE(harness.fileSystem->exists(harness.statusFile()));
     harness.host = running;

@@ -86,9 +86,19 @@ public:
     }
 
     ~ServiceHostHarness() {
-        host.reset();
+        destroyHost();
         // Lets the host's last main-thread tasks (releasing its observers) run.
         mainContext.poll();
+    }
+
+    // Destroys the host here and now: once it has stopped serving, no handler
+    // on its queue can hold it past the test's own reference.
+    void destroyHost() {
+        if (!host) return;
+        host->stopServing();
+        std::weak_ptr<QuillfortAgentPromptServiceHost> weak = host;
+        host.reset();
+        EXPECT_TRUE(weak.expired());
     }
 
     std::shared_ptr<QuillfortAgentPromptServiceHost> makeHost(ServiceHostOptions options = {}) {
