@@ -34,7 +34,6 @@ public:
     // Closes the socket; pending operations complete with an error. Idempotent.
     void cancel() noexcept;
 
-    [[nodiscard]] bool isCancelled() const noexcept { return !socket_.is_open(); }
 
 private:
     boost::asio::ip::tcp::socket socket_;

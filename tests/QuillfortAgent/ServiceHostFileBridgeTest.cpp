@@ -187,18 +187,6 @@ TEST(ServiceHostFileBridge, FocusElsewhereLeavesThePromptToTheCoordinator) {
     EXPECT_FALSE(harness.fileSystem->exists(harness.ruleSnapshotFile()));
 }
 
-TEST(ServiceHostFileBridge, BlockedRuleSnapshotDoesNotStopTheAnswer) {
-    ServiceHostHarness harness;
-    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "block-permanent"}}});
-    ASSERT_TRUE(harness.fileSystem->createDirectories(harness.ruleSnapshotFile()));
-    harness.writeRequest(sampleEnvelope(3));
-
-    ASSERT_TRUE(harness.waitForResponse(sampleUuid(3)));
-    EXPECT_EQ(harness.response(sampleUuid(3))->response->action, RuleAction::drop);
-    EXPECT_TRUE(harness.logged(
-        "Failed to persist the prompt-resolved shared rule snapshot in the agent helper: "));
-}
-
 // --- What is taken from the requests directory, and in which order -----------
 
 // Lists the real directory but reports the creation dates a test chose, in a
@@ -283,35 +271,6 @@ TEST(ServiceHostFileBridge, TakesJsonFilesEarliestFirstWithUnknownDatesFirstAndT
     EXPECT_TRUE(harness.fileSystem->exists(harness.requestsDirectory() / "notes.txt"));
 }
 
-TEST(ServiceHostFileBridge, HiddenAndOtherFilesAreNeverTouched) {
-    ServiceHostHarness harness;
-    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}}});
-    const auto hidden = harness.writeRequest(sampleEnvelope(7), "." + bridgeFileName(sampleUuid(7)));
-    harness.writeFile(harness.requestsDirectory() / "readme.txt", "{}");
-    // A request written afterwards proves that polls have run past the others.
-    harness.writeRequest(sampleEnvelope(8));
-
-    ASSERT_TRUE(harness.waitForResponse(sampleUuid(8)));
-    EXPECT_TRUE(harness.fileSystem->exists(hidden));
-    EXPECT_EQ(*harness.fileSystem->readFile(harness.requestsDirectory() / "readme.txt"), "{}");
-    EXPECT_FALSE(harness.response(sampleUuid(7)));
-}
-
-TEST(ServiceHostFileBridge, UnansweredRequestIsHandedOnOnlyOnce) {
-    ServiceHostHarness harness;
-    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
-    const auto waiting = harness.writeRequest(sampleEnvelope(10));
-    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(10)));
-
-    // Each later request needs a poll of its own, and every poll sees the first file again.
-    for (std::uint64_t n = 11; n <= 13; ++n) {
-        harness.writeRequest(sampleEnvelope(n));
-        ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(n)));
-    }
-    EXPECT_EQ(harness.logCount("Queued prompt " + sampleUuid(10).uppercaseString() + " for api.example.com."), 1u);
-    EXPECT_TRUE(harness.fileSystem->exists(waiting));
-}
-
 struct InvalidRequestCase {
     std::string name;
     std::string fileName;
@@ -386,19 +345,6 @@ INSTANTIATE_TEST_SUITE_P(
                       CommandCase{FlowPromptAutomationPreset::allowSession, RuleAction::allow, RuleScope::session},
                       CommandCase{FlowPromptAutomationPreset::blockPermanent, RuleAction::drop,
                                   RuleScope::persistent}));
-
-TEST(ServiceHostAutomationCommand, CommandForAnUnknownPromptIsRemovedAndIgnored) {
-    ServiceHostHarness harness;
-    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
-    harness.writeRequest(sampleEnvelope(50));
-    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(50)));
-
-    harness.writeCommand(sampleUuid(51), FlowPromptAutomationPreset::allowOnce);
-    ASSERT_TRUE(harness.waitForLog("Ignoring prompt automation command for " + sampleUuid(51).uppercaseString() +
-                                   " because the prompt is no longer active."));
-    EXPECT_FALSE(harness.fileSystem->exists(harness.commandFile()));
-    EXPECT_TRUE(harness.isQueued(sampleUuid(50)));
-}
 
 TEST(ServiceHostAutomationCommand, CommandPresentAtStartIsClearedUnapplied) {
     ServiceHostHarness harness;

@@ -188,19 +188,5 @@ TEST(ServiceHostLoopback, CoordinatorAnswersReachTheRightClient) {
     EXPECT_EQ(decodeResponseFrame(*firstFrame)->response->action, RuleAction::allow);
 }
 
-TEST(ServiceHostLoopback, AClientStuckInsideItsFrameDoesNotHoldUpOthers) {
-    ServiceHostHarness harness;
-    const auto port = startListening(harness, {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
-
-    LoopbackTestClient stuck(port);
-    ASSERT_TRUE(stuck.connected());
-    ASSERT_TRUE(stuck.send(frameHeader(100) + "{\"req"));
-
-    auto reply = exchangeInBackground(port, {requestFrame(5)});
-    const auto frame = awaitReply(harness, reply);
-    ASSERT_TRUE(frame);
-    EXPECT_EQ(decodeResponseFrame(*frame)->promptID, sampleUuid(5));
-}
-
 }  // namespace
 }  // namespace quillfort
