@@ -5,6 +5,7 @@
 
 #include <boost/asio/error.hpp>
 #include <boost/asio/write.hpp>
+#include "QuillfortAgent/LoopbackPromptError.hpp"
 
 namespace quillfort {
 
@@ -14,7 +15,9 @@ namespace {
 // per waiting connection.
 constexpr std::size_t receiveChunkSize = 64 * 1024;
 
-Error errorFrom(const boost::system::error_code& code) { return Error{std::error_code(code), code.message()}; }
+Error errorFrom(const boost::system::error_code& code) {
+    return errorFromNetwork(code.value(), code.category() == boost::system::system_category(), code.message());
+}
 
 }  // namespace
 

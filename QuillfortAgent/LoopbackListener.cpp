@@ -6,12 +6,15 @@
 #include <boost/asio/error.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/socket_base.hpp>
+#include "QuillfortAgent/LoopbackPromptError.hpp"
 
 namespace quillfort {
 
 namespace {
 
-Error errorFrom(const boost::system::error_code& code) { return Error{std::error_code(code), code.message()}; }
+Error errorFrom(const boost::system::error_code& code) {
+    return errorFromNetwork(code.value(), code.category() == boost::system::system_category(), code.message());
+}
 
 // Failures that concern only the one connection being accepted (the peer gave
 // up before we took it): the next accept can go ahead at once. Anything else,

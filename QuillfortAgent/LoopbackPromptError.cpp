@@ -36,3 +36,14 @@ Error make(LoopbackPromptErrorCode code) {
 }
 
 }  // namespace quillfort::LoopbackPromptError
+
+namespace quillfort {
+
+Error errorFromNetwork(int value, bool isSystemError, std::string description) {
+    // Built from the number rather than by converting Boost's category to the
+    // standard one, whose bridge object sanitizers cannot see through.
+    return Error{isSystemError ? std::error_code(value, std::system_category()) : std::error_code{},
+                 std::move(description)};
+}
+
+}  // namespace quillfort

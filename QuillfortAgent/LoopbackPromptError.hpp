@@ -30,4 +30,9 @@ inline constexpr std::uint32_t maximumRequestPayloadSize = 16u * 1024u * 1024u;
 
 }  // namespace LoopbackPromptError
 
+// A socket error from the network layer as our error value. Socket errors are
+// errno values and stay so; other categories keep only their text, which is
+// all that anyone reads of them.
+[[nodiscard]] Error errorFromNetwork(int value, bool isSystemError, std::string description);
+
 }  // namespace quillfort
