@@ -23,52 +23,15 @@ constexpr std::string_view kSampleRuleCompact =
     R"("destination":[{"hostnameExact":{"_0":"api.example.com"}},{"portExact":{"_0":443}},)"
     R"({"transportProtocol":{"_0":"tcp"}}],"scope":"persistent","origin":"promptResolved","priority":10000})";
 
-constexpr std::string_view kSampleRulePretty = R"({
-  "action" : "allow",
-  "destination" : [
-    {
-      "hostnameExact" : {
-        "_0" : "api.example.com"
-      }
-    },
-    {
-      "portExact" : {
-        "_0" : 443
-      }
-    },
-    {
-      "transportProtocol" : {
-        "_0" : "tcp"
-      }
-    }
-  ],
-  "enabled" : true,
-  "id" : "00000000-0000-4000-8000-000000000001",
-  "name" : "Allow curl to api.example.com",
-  "origin" : "promptResolved",
-  "priority" : 10000,
-  "scope" : "persistent",
-  "subject" : [
-    {
-      "exactExecutable" : {
-        "_0" : "/usr/bin/curl"
-      }
-    },
-    {
-      "signingID" : {
-        "_0" : "com.apple.curl"
-      }
-    }
-  ]
-})";
-
 TEST(JsonWriter, CompactKeepsFieldOrderOfARule) { EXPECT_EQ(encodeCompact(sampleRule()), kSampleRuleCompact); }
 
-TEST(JsonWriter, PrettySortsKeysAndIndentsByTwoSpaces) { EXPECT_EQ(encodePretty(sampleRule()), kSampleRulePretty); }
-
-TEST(JsonWriter, BothFormsOfARuleReadBackEqual) {
+// The pretty layout itself is pinned below; here only that a rule goes through it whole.
+TEST(JsonWriter, PrettyRuleIsTheSortedLayoutOfTheCompactOne) {
+    const auto pretty = encodePretty(sampleRule());
+    EXPECT_EQ(pretty, serializePretty(boost::json::parse(kSampleRuleCompact)));
+    EXPECT_TRUE(pretty.starts_with("{\n  \"action\" : \"allow\",\n  \"destination\" : [\n    {\n")) << pretty;
     EXPECT_EQ(decodeJson<Rule>(kSampleRuleCompact), sampleRule());
-    EXPECT_EQ(decodeJson<Rule>(kSampleRulePretty), sampleRule());
+    EXPECT_EQ(decodeJson<Rule>(pretty), sampleRule());
 }
 
 TEST(JsonWriter, PrettySortsByBytesAndWritesEmptyContainersInline) {
