@@ -94,11 +94,11 @@ TEST(RuleConditions, MalformedAlternativesFailWithPathAndReason) {
         {R"({"processTag":{"_0":"perl"}})", "processTag._0", "unknown value \"perl\""},
         {R"(["bundleID"])", "", "expected an object, found an array"},
     };
-    for (const auto& c : subjects) {
-        auto decoded = decodeJson<RuleSubject>(c.json);
+    auto expectFailure = [](auto decoded, const Case& c) {
         ASSERT_FALSE(decoded) << c.json;
         EXPECT_EQ(decoded.error(), (JsonError{std::string(c.path), std::string(c.reason)})) << c.json;
-    }
+    };
+    for (const auto& c : subjects) expectFailure(decodeJson<RuleSubject>(c.json), c);
     const Case destinations[] = {
         {R"({})", "", kKeyCount},
         {R"({"portExact":{"_0":1},"portRange":{"_0":{"lowerBound":1,"upperBound":2}}})", "", kKeyCount},
@@ -112,11 +112,7 @@ TEST(RuleConditions, MalformedAlternativesFailWithPathAndReason) {
         {R"({"direction":{"_0":"both"}})", "direction._0", "unknown value \"both\""},
         {R"({"hostnameExact":{"_0":5}})", "hostnameExact._0", "expected a string, found a number"},
     };
-    for (const auto& c : destinations) {
-        auto decoded = decodeJson<RuleDestination>(c.json);
-        ASSERT_FALSE(decoded) << c.json;
-        EXPECT_EQ(decoded.error(), (JsonError{std::string(c.path), std::string(c.reason)})) << c.json;
-    }
+    for (const auto& c : destinations) expectFailure(decodeJson<RuleDestination>(c.json), c);
 }
 
 TEST(Rule, RoundTripsAndLeavesOutAbsentNotes) {
