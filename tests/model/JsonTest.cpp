@@ -110,7 +110,6 @@ TEST(JsonReader, IntegersMustFitTheirFieldWidth) {
         {"0", true, true, true, true},
         {"65535", true, true, true, true},
         {"65536", false, true, true, true},
-        {"70000", false, true, true, true},
         {"-1", false, true, false, true},
         {"2147483647", false, true, true, true},
         {"2147483648", false, false, true, true},
@@ -125,7 +124,6 @@ TEST(JsonReader, IntegersMustFitTheirFieldWidth) {
         {"1e30", false, false, false, false},
         {"443.0", true, true, true, true},  // an integral number written with a fraction
         {"443.5", false, false, false, false},
-        {"-0.5", false, false, false, false},
         {"\"443\"", false, false, false, false},
         {"true", false, false, false, false},
         {"null", false, false, false, false},
