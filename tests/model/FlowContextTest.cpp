@@ -60,21 +60,16 @@ TEST(FlowContext, DecodeFailuresNameTheKeyAndTheFault) {
         {"flow missing", [](auto& o) { o.erase("flow"); }, "flow", "missing required key"},
         {"unknown protocol", [](auto& o) { child(o, "flow")["transportProtocol"] = "quic"; },
          "flow.transportProtocol", "unknown value \"quic\""},
-        {"direction in another case", [](auto& o) { child(o, "flow")["direction"] = "Outbound"; }, "flow.direction",
-         "unknown value \"Outbound\""},
         {"profile by its code name", [](auto& o) { o["networkProfile"] = "defaultProfile"; }, "networkProfile",
          "unknown value \"defaultProfile\""},
         {"port beyond 16 bits", [](auto& o) { child(o, "flow")["port"] = 70000; }, "flow.port",
          "value 70000 out of range"},
-        {"negative endpoint port", [](auto& o) { child(child(o, "flow"), "remoteEndpoint")["port"] = -1; },
-         "flow.remoteEndpoint.port", "value -1 out of range"},
         {"endpoint without host", [](auto& o) { child(child(o, "flow"), "localEndpoint").erase("host"); },
          "flow.localEndpoint.host", "missing required key"},
         {"negative userID", [](auto& o) { identity(o)["userID"] = -1; }, "matchedProcessNode.identity.userID",
          "value -1 out of range"},
         {"pid beyond 32 bits", [](auto& o) { identity(o)["pid"] = 2147483648ll; }, "matchedProcessNode.identity.pid",
          "value 2147483648 out of range"},
-        {"fractional pid", [](auto& o) { identity(o)["pid"] = 12.5; }, "matchedProcessNode.identity.pid", ""},
         {"bad base64 token", [](auto& o) { identity(o)["auditToken"] = "not base64!"; },
          "matchedProcessNode.identity.auditToken", "invalid base64 data"},
         {"unpadded base64 child token", [](auto& o) { node(o)["childAuditTokens"] = json::array{"AQID", "AQ"}; },
@@ -113,9 +108,7 @@ TEST(FlowContext, DecodeFailuresNameTheKeyAndTheFault) {
         auto decoded = decodeJson<FlowContext>(serializeCompact(object));
         ASSERT_FALSE(decoded);
         EXPECT_EQ(decoded.error().path, c.path);
-        if (!c.reason.empty()) {
-            EXPECT_EQ(decoded.error().reason, c.reason);
-        }
+        EXPECT_EQ(decoded.error().reason, c.reason);
     }
 }
 

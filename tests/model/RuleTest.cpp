@@ -85,12 +85,10 @@ TEST(RuleConditions, MalformedAlternativesFailWithPathAndReason) {
         {R"({"bundleID":{"_0":"a"},"teamID":{"_0":"b"}})", "", kKeyCount},
         {R"({"unknownThing":{"_0":"a"}})", "", kKeyCount},
         {R"({"BundleID":{"_0":"a"}})", "", kKeyCount},
-        {R"({"bundleID":{}})", "bundleID._0", "missing required key"},
         {R"({"bundleID":{"_1":"a"}})", "bundleID._0", "missing required key"},
         {R"({"bundleID":"com.example"})", "bundleID", "expected an object, found a string"},
         {R"({"bundleID":{"_0":null}})", "bundleID._0", "expected a string, found null"},
         {R"({"ttyPresent":{"_0":"yes"}})", "ttyPresent._0", "expected a boolean, found a string"},
-        {R"({"ttyPresent":{"_0":1}})", "ttyPresent._0", "expected a boolean, found a number"},
         {R"({"processTag":{"_0":"perl"}})", "processTag._0", "unknown value \"perl\""},
         {R"(["bundleID"])", "", "expected an object, found an array"},
     };
@@ -103,7 +101,6 @@ TEST(RuleConditions, MalformedAlternativesFailWithPathAndReason) {
         {R"({})", "", kKeyCount},
         {R"({"portExact":{"_0":1},"portRange":{"_0":{"lowerBound":1,"upperBound":2}}})", "", kKeyCount},
         {R"({"portExact":{"_0":70000}})", "portExact._0", "value 70000 out of range"},
-        {R"({"portExact":{"_0":-1}})", "portExact._0", "value -1 out of range"},
         {R"({"portExact":{"_0":"443"}})", "portExact._0", "expected an integer, found a string"},
         {R"({"portRange":{"_0":{"lowerBound":1}}})", "portRange._0.upperBound", "missing required key"},
         {R"({"portRange":{"_0":{"lowerBound":1,"upperBound":65536}}})", "portRange._0.upperBound",
@@ -145,11 +142,9 @@ TEST(Rule, DecodeFailuresNameTheKeyAndTheFault) {
         {"subject list missing", [](auto& o) { o.erase("subject"); }, "subject", "missing required key"},
         {"priority beyond int64", [](auto& o) { o["priority"] = 9223372036854775808ull; }, "priority",
          "value 9223372036854775808 out of range"},
-        {"fractional priority", [](auto& o) { o["priority"] = 10000.5; }, "priority", ""},
         {"priority as text", [](auto& o) { o["priority"] = "10000"; }, "priority", "expected an integer, found a string"},
         {"id without hyphens", [](auto& o) { o["id"] = "00000000000040008000000000000001"; }, "id",
          "invalid UUID \"00000000000040008000000000000001\""},
-        {"id in braces", [](auto& o) { o["id"] = "{00000000-0000-4000-8000-000000000001}"; }, "id", ""},
         {"id null", [](auto& o) { o["id"] = nullptr; }, "id", "expected a UUID string, found null"},
         {"action in capitals", [](auto& o) { o["action"] = "ALLOW"; }, "action", "unknown value \"ALLOW\""},
         {"scope unknown", [](auto& o) { o["scope"] = "forever"; }, "scope", "unknown value \"forever\""},
@@ -170,9 +165,7 @@ TEST(Rule, DecodeFailuresNameTheKeyAndTheFault) {
         auto decoded = decodeJson<Rule>(serializeCompact(object));
         ASSERT_FALSE(decoded);
         EXPECT_EQ(decoded.error().path, c.path);
-        if (!c.reason.empty()) {
-            EXPECT_EQ(decoded.error().reason, c.reason);
-        }
+        EXPECT_EQ(decoded.error().reason, c.reason);
     }
 }
 
