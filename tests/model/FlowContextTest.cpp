@@ -24,7 +24,7 @@ json::object& ancestor(json::object& root, std::size_t index) {
     return root.at("ancestorChain").as_array().at(index).as_object();
 }
 
-TEST(FlowContext, RoundTripsInBothForms) {
+TEST(FlowContext, RoundTripsInBothFormsAndWritesEndpointsAsHostAndPort) {
     auto context = sampleFlowContext();
     EXPECT_EQ(decodeJson<FlowContext>(encodeCompact(context)), context);
     EXPECT_EQ(decodeJson<FlowContext>(encodePretty(context)), context);
@@ -40,9 +40,7 @@ TEST(FlowContext, RoundTripsInBothForms) {
               R"("timestamp":"2026-03-01T12:00:00Z"},"ancestorChain":[],"dnsConfidence":"unknown",)"
               R"("networkProfile":"untrusted"})");
     EXPECT_EQ(decodeJson<FlowContext>(encodeCompact(bare)), bare);
-}
 
-TEST(FlowContext, WritesEndpointsAsHostAndPort) {
     auto written = sampleObject();
     EXPECT_EQ(serializeCompact(child(written, "flow").at("remoteEndpoint")), R"({"host":"93.184.216.34","port":443})");
 }
