@@ -20,28 +20,22 @@ constexpr const char* kHost = "QUILLFORT_AUTOMATION_RULE_HOST";
 constexpr const char* kPort = "QUILLFORT_AUTOMATION_RULE_PORT";
 
 TEST(AutomationDirective, ReadsMessyEnvironmentValues) {
+    using D = FlowPromptAutomationDirective;
     using Focus = FlowPromptAutomationFocus;
-    struct Case {
-        Environment environment;
-        std::optional<FlowPromptAutomationDirective> expected;
-    };
-    const Case cases[] = {
+    const D allowOnceAnyPort{Preset::allowOnce, Focus{"example.com", std::nullopt}};
+    const std::pair<Environment, std::optional<D>> cases[] = {
         {{}, std::nullopt},
-        {{{kResponse, " \tAllow-SESSION\r\n"}}, FlowPromptAutomationDirective{Preset::allowSession, std::nullopt}},
+        {{{kResponse, " \tAllow-SESSION\r\n"}}, D{Preset::allowSession, std::nullopt}},
         {{{kResponse, "allow"}}, std::nullopt},
         {{{kResponse, ""}, {kHost, "example.com"}}, std::nullopt},
         {{{kResponse, "block-permanent"}, {kHost, " [FE80::1]\n"}, {kPort, " +8443\n"}},
-         FlowPromptAutomationDirective{Preset::blockPermanent, Focus{"fe80::1", 8443}}},
-        {{{kResponse, "allow-once"}, {kHost, "Example.com"}, {kPort, "70000"}},
-         FlowPromptAutomationDirective{Preset::allowOnce, Focus{"example.com", std::nullopt}}},
-        {{{kResponse, "allow-once"}, {kHost, "example.com"}, {kPort, "-1"}},
-         FlowPromptAutomationDirective{Preset::allowOnce, Focus{"example.com", std::nullopt}}},
-        {{{kResponse, "block-once"}, {kHost, " [] "}, {kPort, "443"}},
-         FlowPromptAutomationDirective{Preset::blockOnce, std::nullopt}},
+         D{Preset::blockPermanent, Focus{"fe80::1", 8443}}},
+        {{{kResponse, "allow-once"}, {kHost, "Example.com"}, {kPort, "70000"}}, allowOnceAnyPort},
+        {{{kResponse, "allow-once"}, {kHost, "example.com"}, {kPort, "-1"}}, allowOnceAnyPort},
+        {{{kResponse, "block-once"}, {kHost, " [] "}, {kPort, "443"}}, D{Preset::blockOnce, std::nullopt}},
     };
-    for (const auto& c : cases) {
-        const auto directive = FlowPromptAutomationDirective::fromEnvironment(c.environment);
-        EXPECT_EQ(directive, c.expected) << ::testing::PrintToString(c.environment);
+    for (const auto& [environment, expected] : cases) {
+        EXPECT_EQ(D::fromEnvironment(environment), expected) << ::testing::PrintToString(environment);
     }
 }
 

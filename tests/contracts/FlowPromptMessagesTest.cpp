@@ -45,13 +45,11 @@ TEST(FlowPromptMessages, AbsentOptionalsAreLeftOut) {
 }
 
 TEST(FlowPromptMessages, DecodeFailuresNameTheKey) {
+    const std::string flags = R"("includeExactProcess":true,"includeSigner":false,"includeAncestorApp":false,)"
+                              R"("includeProcessTag":false,"includePortExact":true)";
     const std::pair<std::string, std::string> cases[] = {
-        {R"({"includeExactProcess":true,"includeSigner":false,"includeAncestorApp":false,"includeProcessTag":false,)"
-         R"("hostMatchMode":"exact","includePortExact":true})",
-         "includeProtocol"},
-        {R"({"includeExactProcess":true,"includeSigner":false,"includeAncestorApp":false,"includeProcessTag":false,)"
-         R"("hostMatchMode":"domain","includePortExact":true,"includeProtocol":true})",
-         "hostMatchMode"},
+        {"{" + flags + R"(,"hostMatchMode":"exact"})", "includeProtocol"},
+        {"{" + flags + R"(,"hostMatchMode":"domain","includeProtocol":true})", "hostMatchMode"},
     };
     for (const auto& [text, key] : cases) {
         const auto decoded = decodeJson<FlowPromptRuleSelection>(text);
