@@ -270,7 +270,7 @@ std::optional<std::pair<std::string, std::uint16_t>> parseLoopbackEndpoint(std::
 
 std::expected<FlowPromptRequest, std::string> buildPromptRequest(const PromptFlowOptions& options, const Uuid& id,
                                                                  Date now,
-                                                                 const ProcessInspector::ProcfsView& procfs) {
+                                                                 const ProcessLineage::ProcfsView& procfs) {
     if (text::trimmed(options.host).empty()) return std::unexpected("--host is needed unless --request names a file");
     const bool processFlags = options.executablePath || options.signingID || options.bundleID || options.teamID ||
                               !options.tags.empty();
@@ -290,7 +290,7 @@ std::expected<FlowPromptRequest, std::string> buildPromptRequest(const PromptFlo
     flow.timestamp = now;
 
     if (options.pid) {
-        auto lineage = ProcessInspector::inspectLineage(*options.pid, procfs);
+        auto lineage = ProcessLineage::inspectLineage(*options.pid, procfs);
         if (!lineage) return std::unexpected(lineage.error().description);
         context.matchedProcessNode = std::move(lineage->process);
         context.ancestorChain = std::move(lineage->ancestors);

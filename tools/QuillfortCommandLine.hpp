@@ -18,7 +18,7 @@
 #include "model/Uuid.hpp"
 #include "platform/Clock.hpp"
 #include "platform/FileSystem.hpp"
-#include "tools/ProcessInspector.hpp"
+#include "tools/ProcessLineage.hpp"
 
 namespace quillfort::QuillfortCommandLine {
 
@@ -30,7 +30,7 @@ struct Environment {
     std::shared_ptr<FileSystem> fileSystem;
     std::shared_ptr<const Clock> clock;
     std::shared_ptr<UuidSource> uuids;
-    ProcessInspector::ProcfsView procfs;
+    ProcessLineage::ProcfsView procfs;
     // How long `answer` waits for the agent to take its command file (and for an
     // earlier command to be taken before it writes its own).
     std::chrono::milliseconds commandPickupLimit{5000};
@@ -61,7 +61,7 @@ struct PromptFlowOptions {
 // (read from /proc, with the flags overriding what they name) or from --exe.
 // The error text explains what is missing or cannot be read.
 [[nodiscard]] std::expected<FlowPromptRequest, std::string> buildPromptRequest(
-    const PromptFlowOptions& options, const Uuid& id, Date now, const ProcessInspector::ProcfsView& procfs);
+    const PromptFlowOptions& options, const Uuid& id, Date now, const ProcessLineage::ProcfsView& procfs);
 
 // "127.0.0.1:27839": dotted IPv4 text and a port; nothing for anything else.
 [[nodiscard]] std::optional<std::pair<std::string, std::uint16_t>> parseLoopbackEndpoint(std::string_view text);

@@ -8,7 +8,7 @@
 int main(int argc, char** argv) {
     using namespace quillfort;
     QuillfortCommandLine::Environment environment{defaultFileSystem(), systemClock(), randomUuidSource(),
-                                                  ProcessInspector::ProcfsView::system()};
+                                                  ProcessLineage::ProcfsView::system()};
     std::vector<std::string> arguments;
     for (int i = 1; i < argc; ++i) arguments.emplace_back(argv[i]);
     return QuillfortCommandLine::run(arguments, environment, std::cout, std::cerr);

@@ -40,7 +40,7 @@ protected:
     CommandLineTest() : fileSystem_(std::make_shared<testing::FakeFileSystem>(home_.path())) {
         environment_ = CL::Environment{fileSystem_, std::make_shared<FixedClock>(),
                                        std::make_shared<testing::SequentialUuidSource>(),
-                                       ProcessInspector::ProcfsView::system(), 2s};
+                                       ProcessLineage::ProcfsView::system(), 2s};
     }
 
     Invocation run(std::vector<std::string> arguments) {
@@ -226,7 +226,7 @@ TEST(QuillfortCommandLine, PromptRequestFromFlags) {
     options.tags = {ProcessTag::terminal, ProcessTag::shell};
 
     auto request = CL::buildPromptRequest(options, testing::sampleUuid(5), testing::sampleDate(),
-                                          ProcessInspector::ProcfsView::system());
+                                          ProcessLineage::ProcfsView::system());
     ASSERT_TRUE(request.has_value()) << request.error();
 
     EXPECT_EQ(request->id, testing::sampleUuid(5));
@@ -252,7 +252,7 @@ TEST(QuillfortCommandLine, PromptRequestForALiveProcessCarriesItsAncestors) {
     options.teamID = "TEAM";
 
     auto request = CL::buildPromptRequest(options, testing::sampleUuid(6), testing::sampleDate(),
-                                          ProcessInspector::ProcfsView::system());
+                                          ProcessLineage::ProcfsView::system());
     ASSERT_TRUE(request.has_value()) << request.error();
 
     const auto& node = request->context.matchedProcessNode.value();

@@ -12,7 +12,7 @@
 #include "model/ProcessIdentity.hpp"
 #include "platform/Error.hpp"
 
-namespace quillfort::ProcessInspector {
+namespace quillfort::ProcessLineage {
 
 // Where process information comes from: the proc file system's root and the
 // kernel's clock-tick rate (start times are counted in ticks since boot).
@@ -61,4 +61,4 @@ struct ProcessLineage {
 // pseudo-terminals); nothing for no terminal or an unknown device.
 [[nodiscard]] std::optional<std::string> terminalPath(std::uint32_t ttyNr);
 
-}  // namespace quillfort::ProcessInspector
+}  // namespace quillfort::ProcessLineage

@@ -1,4 +1,4 @@
-#include "tools/ProcessInspector.hpp"
+#include "tools/ProcessLineage.hpp"
 
 #include <unistd.h>
 
@@ -14,7 +14,7 @@
 
 #include "model/Text.hpp"
 
-namespace quillfort::ProcessInspector {
+namespace quillfort::ProcessLineage {
 
 namespace {
 
@@ -231,4 +231,4 @@ Result<ProcessLineage> inspectLineage(std::int32_t pid, const ProcfsView& procfs
     return lineage;
 }
 
-}  // namespace quillfort::ProcessInspector
+}  // namespace quillfort::ProcessLineage

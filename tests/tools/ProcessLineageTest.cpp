@@ -1,4 +1,4 @@
-#include "tools/ProcessInspector.hpp"
+#include "tools/ProcessLineage.hpp"
 
 #include <unistd.h>
 
@@ -12,10 +12,10 @@
 namespace quillfort {
 namespace {
 
-namespace PI = ProcessInspector;
+namespace PI = ProcessLineage;
 using testing::TemporaryDirectory;
 
-TEST(ProcessInspector, ReadsTheTestProcessItself) {
+TEST(ProcessLineage, ReadsTheTestProcessItself) {
     const auto self = static_cast<std::int32_t>(::getpid());
     auto process = PI::inspectProcess(self, PI::ProcfsView::system());
     ASSERT_TRUE(process.has_value()) << process.error().description;
@@ -37,7 +37,7 @@ TEST(ProcessInspector, ReadsTheTestProcessItself) {
     EXPECT_EQ(PI::inspectProcess(self, PI::ProcfsView::system())->identity.auditToken, identity.auditToken);
 }
 
-TEST(ProcessInspector, LineageFollowsParentsToTheFirstProcess) {
+TEST(ProcessLineage, LineageFollowsParentsToTheFirstProcess) {
     auto lineage = PI::inspectLineage(static_cast<std::int32_t>(::getpid()), PI::ProcfsView::system());
     ASSERT_TRUE(lineage.has_value()) << lineage.error().description;
     ASSERT_FALSE(lineage->ancestors.empty());
@@ -122,7 +122,7 @@ TEST_F(SyntheticProcfs, MalformedStatIsAnError) {
     EXPECT_FALSE(PI::inspectProcess(12, view()).has_value());
 }
 
-TEST(ProcessInspector, TerminalPaths) {
+TEST(ProcessLineage, TerminalPaths) {
     const std::pair<std::uint32_t, std::optional<std::string>> cases[] = {
         {0, std::nullopt},
         {(136u << 8) | 0, "/dev/pts/0"},
