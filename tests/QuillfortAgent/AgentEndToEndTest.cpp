@@ -6,7 +6,6 @@
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,10 +13,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -51,18 +49,13 @@ namespace fs = std::filesystem;
 std::optional<std::string> readText(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) return std::nullopt;
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Written under a hidden name in the same directory, then renamed into place.
 void writeAtomically(const fs::path& path, const std::string& bytes) {
     const auto temporary = path.parent_path() / ("." + path.filename().string() + ".partial");
-    {
-        std::ofstream out(temporary, std::ios::binary | std::ios::trunc);
-        out << bytes;
-    }
+    std::ofstream(temporary, std::ios::binary | std::ios::trunc) << bytes;
     fs::rename(temporary, path);
 }
 
@@ -96,6 +89,10 @@ fs::path agentExecutable() {
     return fs::read_symlink("/proc/self/exe").parent_path().parent_path().parent_path() / "QuillfortAgent" /
            "quillfort-agent";
 }
+
+Environment directive(const std::string& answer) { return {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", answer}}; }
+
+std::string frameFor(std::uint64_t n) { return *encodeFrame(encodeCompact(sampleEnvelope(n))); }
 
 // --- One agent process -----------------------------------------------------------
 
@@ -151,26 +148,11 @@ public:
     // The exit status once the process has ended normally; nothing when it is
     // still running at the deadline or was killed by a signal.
     std::optional<int> waitForExit() {
-        if (exitStatus_) return exitStatus_;
-        eventually([&] {
-            int status = 0;
-            const auto reaped = ::waitpid(pid_, &status, WNOHANG);
-            if (reaped != pid_) return false;
-            exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return true;
-        });
+        eventually([&] { return reaped(); });
         return exitStatus_;
     }
 
-    [[nodiscard]] bool running() {
-        int status = 0;
-        if (exitStatus_) return false;
-        if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-            exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-            return false;
-        }
-        return true;
-    }
+    [[nodiscard]] bool running() { return !reaped(); }
 
     [[nodiscard]] std::string log() const { return readText(logPath_).value_or(""); }
 
@@ -186,6 +168,14 @@ public:
     }
 
 private:
+    bool reaped() {
+        int status = 0;
+        if (!exitStatus_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
+            exitStatus_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+        }
+        return exitStatus_.has_value();
+    }
+
     fs::path logPath_;
     pid_t pid_ = -1;
     std::optional<int> exitStatus_;
@@ -209,11 +199,9 @@ protected:
             << agent_->log();
         const auto manifest = readText(container() / "QuillfortPromptAgent.endpoint");
         EXPECT_TRUE(manifest);
-        if (manifest) {
-            if (auto record = decodeJson<QuillfortPromptListenerRecord>(*manifest)) {
-                requests_ = *record->requestsDirectoryURL();
-                responses_ = *record->responsesDirectoryURL();
-            }
+        if (auto record = decodeJson<QuillfortPromptListenerRecord>(manifest.value_or(""))) {
+            requests_ = *record->requestsDirectoryURL();
+            responses_ = *record->responsesDirectoryURL();
         }
         return *agent_;
     }
@@ -224,12 +212,11 @@ protected:
     [[nodiscard]] fs::path lockFile() const { return container() / "QuillfortPromptBridge" / "QuillfortAgent.lock"; }
 
     [[nodiscard]] std::optional<PromptAgentStatusSnapshot> status() const {
-        auto text = readText(container() / "PromptAgentStatus.json");
-        if (!text) return std::nullopt;
-        auto decoded = decodeJson<PromptAgentStatusSnapshot>(*text);
-        if (!decoded) return std::nullopt;
-        return *decoded;
+        auto decoded = decodeJson<PromptAgentStatusSnapshot>(
+            readText(container() / "PromptAgentStatus.json").value_or(""));
+        return decoded ? std::optional(*decoded) : std::nullopt;
     }
+    [[nodiscard]] fs::path commandFile() const { return requests_.parent_path() / "PromptAgentAutomationCommand.json"; }
 
     fs::path submit(std::uint64_t n, const std::string& host = "api.example.com") {
         const auto path = requests_ / bridgeFileName(sampleUuid(n));
@@ -240,9 +227,8 @@ protected:
     std::optional<QuillfortPromptBridgeResponseEnvelope> awaitResponse(std::uint64_t n) {
         const auto path = responses_ / bridgeFileName(sampleUuid(n));
         if (!eventually([&] { return fs::exists(path); })) return std::nullopt;
-        auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(*readText(path));
-        if (!decoded) return std::nullopt;
-        return *decoded;
+        auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(readText(path).value_or(""));
+        return decoded ? std::optional(*decoded) : std::nullopt;
     }
 
     bool awaitQueued(std::uint64_t n) {
@@ -250,8 +236,7 @@ protected:
     }
 
     void command(std::uint64_t n, FlowPromptAutomationPreset preset) {
-        writeAtomically(requests_.parent_path() / "PromptAgentAutomationCommand.json",
-                        encodePretty(PromptAgentAutomationCommand{
+        writeAtomically(commandFile(), encodePretty(PromptAgentAutomationCommand{
                             .promptID = sampleUuid(n), .preset = preset, .createdAt = sampleDate()}));
     }
 
@@ -275,7 +260,7 @@ protected:
 // --- File bridge --------------------------------------------------------------------
 
 TEST_F(AgentEndToEnd, DirectiveAnswersARequestFileAndMergesTheRule) {
-    launch({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-permanent"}});
+    launch(directive("allow-permanent"));
     const auto request = submit(1);
 
     const auto answer = awaitResponse(1);
@@ -325,7 +310,7 @@ TEST_F(AgentEndToEnd, RequestFilesAreTakenInCreationOrder) {
 }
 
 TEST_F(AgentEndToEnd, HiddenFilesAndOtherExtensionsAreLeftAlone) {
-    launch({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
+    launch(directive("allow-once"));
     const auto hidden = requests_ / ("." + bridgeFileName(sampleUuid(3)));
     const auto text = requests_ / "notes.txt";
     writeAtomically(hidden, encodeCompact(sampleEnvelope(3)));
@@ -365,7 +350,7 @@ TEST_F(AgentEndToEnd, CommandFileAnswersAQueuedPrompt) {
     ASSERT_TRUE(answer->response);
     EXPECT_EQ(answer->response->scope, RuleScope::session);
     EXPECT_TRUE(eventually([&] { return !fs::exists(request); }));
-    EXPECT_FALSE(fs::exists(requests_.parent_path() / "PromptAgentAutomationCommand.json"));
+    EXPECT_FALSE(fs::exists(commandFile()));
     // Session answers are shared with the filter too.
     EXPECT_TRUE(eventually([&] { return fs::exists(container() / "RuleSnapshot.json"); }));
     EXPECT_TRUE(eventually([&] { return status() && status()->activePromptCount == 0; }));
@@ -374,8 +359,7 @@ TEST_F(AgentEndToEnd, CommandFileAnswersAQueuedPrompt) {
 TEST_F(AgentEndToEnd, CommandForAnUnknownPromptIsRemovedAndIgnored) {
     launch();
     command(11, FlowPromptAutomationPreset::blockOnce);
-    const auto commandFile = requests_.parent_path() / "PromptAgentAutomationCommand.json";
-    EXPECT_TRUE(eventually([&] { return !fs::exists(commandFile); }));
+    EXPECT_TRUE(eventually([&] { return !fs::exists(commandFile()); }));
     EXPECT_TRUE(agent_->waitForLog("Ignoring prompt automation command for " + sampleUuid(11).uppercaseString() +
                                    " because the prompt is no longer active."));
     EXPECT_TRUE(agent_->running());
@@ -383,7 +367,7 @@ TEST_F(AgentEndToEnd, CommandForAnUnknownPromptIsRemovedAndIgnored) {
 
 TEST_F(AgentEndToEnd, SnapshotPathBlockedByADirectoryDoesNotStopResponses) {
     fs::create_directories(container() / "RuleSnapshot.json");
-    launch({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "block-permanent"}});
+    launch(directive("block-permanent"));
     submit(12);
 
     const auto answer = awaitResponse(12);
@@ -396,8 +380,8 @@ TEST_F(AgentEndToEnd, SnapshotPathBlockedByADirectoryDoesNotStopResponses) {
 // --- Loopback -----------------------------------------------------------------------
 
 TEST_F(AgentEndToEnd, FrameSentOneByteAtATimeIsAnswered) {
-    launch({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
-    const auto frame = *encodeFrame(encodeCompact(sampleEnvelope(13)));
+    launch(directive("allow-once"));
+    const auto frame = frameFor(13);
     std::vector<std::string> bytes;
     for (char c : frame) bytes.emplace_back(1, c);
 
@@ -420,13 +404,13 @@ TEST_F(AgentEndToEnd, ZeroLengthFrameGetsTheDecodeErrorEnvelope) {
 }
 
 TEST_F(AgentEndToEnd, TruncatedFrameIsLeftUnansweredWhileOthersAreServed) {
-    launch({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
+    launch(directive("allow-once"));
     LoopbackTestClient truncated(port_);
     ASSERT_TRUE(truncated.connected());
     ASSERT_TRUE(truncated.send(frameHeader(10) + "123456"));
 
     for (std::uint64_t n = 14; n <= 15; ++n) {
-        const auto reply = exchange({*encodeFrame(encodeCompact(sampleEnvelope(n)))});
+        const auto reply = exchange({frameFor(n)});
         ASSERT_TRUE(reply);
         ASSERT_TRUE(decodeResponseFrame(*reply));
         EXPECT_EQ(decodeResponseFrame(*reply)->promptID, sampleUuid(n));
@@ -439,12 +423,10 @@ TEST_F(AgentEndToEnd, TruncatedFrameIsLeftUnansweredWhileOthersAreServed) {
 }
 
 TEST_F(AgentEndToEnd, ListenerKeepsServingAfterRunningOutOfDescriptors) {
-    auto& agent = launch({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
+    auto& agent = launch(directive("allow-once"));
     // Leave the agent a few descriptors only, then connect more clients than that.
-    std::size_t open = 0;
-    for ([[maybe_unused]] const auto& entry : fs::directory_iterator("/proc/" + std::to_string(agent.pid()) + "/fd")) {
-        ++open;
-    }
+    const auto fds = fs::path("/proc") / std::to_string(agent.pid()) / "fd";
+    const auto open = static_cast<rlim_t>(std::distance(fs::directory_iterator(fds), fs::directory_iterator{}));
     const rlimit tight{.rlim_cur = open + 3, .rlim_max = open + 3};
     ASSERT_EQ(::prlimit(agent.pid(), RLIMIT_NOFILE, &tight, nullptr), 0);
     {
@@ -456,7 +438,7 @@ TEST_F(AgentEndToEnd, ListenerKeepsServingAfterRunningOutOfDescriptors) {
         ASSERT_TRUE(agent.waitForLog("Loopback prompt connection failed: ")) << agent.log();
     }
 
-    const auto reply = exchange({*encodeFrame(encodeCompact(sampleEnvelope(16)))});
+    const auto reply = exchange({frameFor(16)});
     ASSERT_TRUE(reply);
     ASSERT_TRUE(decodeResponseFrame(*reply)) << agent.log();
     EXPECT_EQ(decodeResponseFrame(*reply)->promptID, sampleUuid(16));
