@@ -410,10 +410,9 @@ TEST_F(AgentEndToEnd, TruncatedFrameIsLeftUnansweredWhileOthersAreServed) {
     ASSERT_TRUE(truncated.send(frameHeader(10) + "123456"));
 
     for (std::uint64_t n = 14; n <= 15; ++n) {
-        const auto reply = exchange({frameFor(n)});
-        ASSERT_TRUE(reply);
-        ASSERT_TRUE(decodeResponseFrame(*reply));
-        EXPECT_EQ(decodeResponseFrame(*reply)->promptID, sampleUuid(n));
+        const auto answer = decodeResponseFrame(exchange({frameFor(n)}).value_or(""));
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->promptID, sampleUuid(n));
     }
 
     truncated.finishSending();
@@ -438,10 +437,9 @@ TEST_F(AgentEndToEnd, ListenerKeepsServingAfterRunningOutOfDescriptors) {
         ASSERT_TRUE(agent.waitForLog("Loopback prompt connection failed: ")) << agent.log();
     }
 
-    const auto reply = exchange({frameFor(16)});
-    ASSERT_TRUE(reply);
-    ASSERT_TRUE(decodeResponseFrame(*reply)) << agent.log();
-    EXPECT_EQ(decodeResponseFrame(*reply)->promptID, sampleUuid(16));
+    const auto answer = decodeResponseFrame(exchange({frameFor(16)}).value_or(""));
+    ASSERT_TRUE(answer) << agent.log();
+    EXPECT_EQ(answer->promptID, sampleUuid(16));
     EXPECT_TRUE(agent.running());
 }
 
