@@ -13,6 +13,7 @@
 #include "contracts/PromptFrame.hpp"
 #include "contracts/QuillfortSharedContainer.hpp"
 #include "model/Json.hpp"
+#include "model/Text.hpp"
 
 namespace quillfort {
 
@@ -20,20 +21,11 @@ namespace {
 
 constexpr std::string_view undecodableRequestMessage = "Failed to decode the Quillfort prompt request.";
 
-// The last component of a path as people read it: trailing slashes do not make
-// an empty name.
-std::string lastPathComponent(std::string_view path) {
-    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
-    if (path == "/") return "/";
-    const auto slash = path.rfind('/');
-    return std::string(slash == std::string_view::npos ? path : path.substr(slash + 1));
-}
-
 std::string processDisplayTitle(const AgentPromptSession& session) {
     const auto& node = session.request.context.matchedProcessNode;
     if (!node) return "Unknown Process";
     if (node->identity.bundleID && !node->identity.bundleID->empty()) return *node->identity.bundleID;
-    if (!node->identity.executablePath.empty()) return lastPathComponent(node->identity.executablePath);
+    if (!node->identity.executablePath.empty()) return std::string(text::lastPathComponent(node->identity.executablePath));
     return "Unknown Process";
 }
 
