@@ -2,6 +2,7 @@
 // one fixed order, gives way to an agent that already runs, then serves the
 // file bridge and the loopback listener until SIGINT or SIGTERM.
 #include <csignal>
+#include <cstdio>
 #include <cstdint>
 #include <exception>
 #include <memory>
@@ -25,6 +26,11 @@
 #include "platform/InMemoryUserDefaults.hpp"
 #include "platform/ProcessInfo.hpp"
 #include "support/LogSink.hpp"
+#include "support/QuillfortFeatureFlags.hpp"
+
+#if QUILLFORT_WITH_UI
+#include "QuillfortAgent/ui/AgentUi.hpp"
+#endif
 
 namespace {
 
@@ -37,8 +43,8 @@ struct Options {
 
 void describeOptions(CLI::App& app, Options& options) {
     app.add_flag("--headless", options.headless,
-                 "Run without a window (the only mode of this build; prompts are answered through automation "
-                 "directives and command files)");
+                 "Run without a window even when a display is available (prompts are answered through "
+                 "automation directives and command files)");
     app.add_option("--loopback-port", options.loopbackPort,
                    "TCP port of the loopback listener on 127.0.0.1 (0: any free port)")
         ->check(CLI::Range(0, 65535));
@@ -59,11 +65,44 @@ std::shared_ptr<UserDefaults> agentUserDefaults(const ProcessInfo& processInfo,
     return std::make_shared<InMemoryUserDefaults>();
 }
 
-int runAgent(const ProcessInfo& processInfo, const Options& options) {
+// The desktop UI, when this build has one and the session can show it; the
+// agent is headless otherwise and never loads a Qt platform plugin.
+#if QUILLFORT_WITH_UI
+using AgentFrontEnd = ui::AgentUi;
+std::unique_ptr<AgentFrontEnd> makeFrontEnd(int& argc, char** argv, const ProcessInfo& processInfo,
+                                            const Options& options) {
+    if (options.headless) return nullptr;
+    if (!ui::displayAvailable(processInfo)) {
+        std::fputs("quillfort-agent: no display found (DISPLAY and WAYLAND_DISPLAY are unset); running headless.\n",
+                   stderr);
+        return nullptr;
+    }
+    return std::make_unique<AgentFrontEnd>(argc, argv, processInfo, QuillfortFeatureFlags::resolve(processInfo));
+}
+#else
+struct AgentFrontEnd {
+    std::shared_ptr<MainThreadExecutor> mainThread() const { return nullptr; }
+    void buildPresenter(const std::shared_ptr<AgentPromptCoordinator>&) {}
+    void start() {}
+    int run() { return 0; }
+};
+std::unique_ptr<AgentFrontEnd> makeFrontEnd(int&, char**, const ProcessInfo&, const Options&) {
+    return nullptr;
+}
+#endif
+
+int runAgent(int& argc, char** argv, const ProcessInfo& processInfo, const Options& options) {
+    // In UI mode the Qt event loop is the main thread and watches the signals itself.
+    auto frontEnd = makeFrontEnd(argc, argv, processInfo, options);
     boost::asio::io_context mainContext(1);
-    auto mainThread = std::make_shared<AsioMainThreadExecutor>(mainContext);
+    std::shared_ptr<MainThreadExecutor> mainThread =
+        frontEnd ? frontEnd->mainThread() : std::make_shared<AsioMainThreadExecutor>(mainContext);
     // Registered first, so a signal during start-up ends the agent cleanly too.
-    boost::asio::signal_set signals(mainContext, SIGINT, SIGTERM);
+    boost::asio::signal_set signals(mainContext);
+    if (!frontEnd) {
+        signals.add(SIGINT);
+        signals.add(SIGTERM);
+    }
     auto fileSystem = defaultFileSystem();
 
     const auto bootstrap = QuillfortAgentBootstrap::make(processInfo);
@@ -82,6 +121,8 @@ int runAgent(const ProcessInfo& processInfo, const Options& options) {
     const QuillfortAgentSingleInstanceGuard singleInstanceGuard(*fileSystem, std::nullopt,
                                                                 processInfo.processIdentifier);
 
+    if (frontEnd) frontEnd->buildPresenter(coordinator);
+
     auto serviceHost = QuillfortAgentPromptServiceHost::make({
         .coordinator = coordinator,
         .mainThread = mainThread,
@@ -98,13 +139,18 @@ int runAgent(const ProcessInfo& processInfo, const Options& options) {
     if (!shouldActivate) return 0;  // the running agent is left alone
 
     serviceHost->start();
+    if (frontEnd) frontEnd->start();
     coordinator->seedPreviewPromptIfRequested(processInfo);
 
-    auto work = boost::asio::make_work_guard(mainContext);
-    signals.async_wait([&](const boost::system::error_code& code, int) {
-        if (!code) mainContext.stop();
-    });
-    mainContext.run();
+    if (frontEnd) {
+        frontEnd->run();
+    } else {
+        auto work = boost::asio::make_work_guard(mainContext);
+        signals.async_wait([&](const boost::system::error_code& code, int) {
+            if (!code) mainContext.stop();
+        });
+        mainContext.run();
+    }
 
     // The agent keeps its host for the life of the process: manifest, status
     // file and session directory stay for the next launch to replace.
@@ -130,7 +176,7 @@ int main(int argc, char** argv) {
     }
 
     try {
-        return runAgent(processInfo, options);
+        return runAgent(argc, argv, processInfo, options);
     } catch (const std::exception& error) {
         quillfort::QuillfortLogger::logger(quillfort::QuillfortLogCategory::agent)
             .error("The Quillfort agent stopped on an unexpected error: %{public}s", error.what());

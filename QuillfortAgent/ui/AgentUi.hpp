@@ -1,0 +1,45 @@
+// The desktop face of the agent: the Qt application, its main-thread
+// executor, the decision-window presenter, the tray item and the status
+// window. The header keeps Qt out of the executable's main so that the
+// headless path never touches it.
+#pragma once
+
+#include <memory>
+
+#include "QuillfortAgent/MainThreadExecutor.hpp"
+#include "platform/ProcessInfo.hpp"
+#include "support/QuillfortFeatureFlags.hpp"
+
+namespace quillfort {
+class AgentPromptCoordinator;
+}
+
+namespace quillfort::ui {
+
+// True when the session has a display to show windows on (DISPLAY or WAYLAND_DISPLAY set and not empty).
+[[nodiscard]] bool displayAvailable(const ProcessInfo& processInfo);
+
+class AgentUi {
+public:
+    // Creates the application object; `argc` and `argv` must outlive the UI.
+    // Where DISPLAY is set the X11 platform is chosen (also under Wayland):
+    // only there may a window keep itself above others and come forward.
+    AgentUi(int& argc, char** argv, const ProcessInfo& processInfo, QuillfortFeatureFlags featureFlags);
+    ~AgentUi();
+    AgentUi(const AgentUi&) = delete;
+    AgentUi& operator=(const AgentUi&) = delete;
+
+    [[nodiscard]] std::shared_ptr<MainThreadExecutor> mainThread() const;
+    // Start-up step 4: the presenter, watching the coordinator but showing nothing yet.
+    void buildPresenter(std::shared_ptr<AgentPromptCoordinator> coordinator);
+    // Start-up step 10: the presenter starts, the tray item (or, without a tray, the status window) appears.
+    void start();
+    // Runs the event loop until SIGINT or SIGTERM; returns the exit status.
+    int run();
+
+private:
+    struct Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace quillfort::ui

@@ -1,0 +1,127 @@
+#include "QuillfortAgent/ui/AgentPromptWindowPresenter.hpp"
+
+#include <QComboBox>
+#include <QLabel>
+
+#include "QuillfortAgent/ui/QFComponents.hpp"
+#include "tests/QuillfortAgent/ui/UiHarness.hpp"
+
+namespace quillfort::ui {
+namespace {
+
+using testing::UiHarness;
+
+QString shown(const QAbstractButton* button) {
+    return button->text().remove(QLatin1Char('&'));
+}
+
+TEST(AgentPromptWindowPresenter, ShowsTheWindowForAQueueAndHidesItWhenDrained) {
+    UiHarness ui;
+    auto* window = ui.presenter->window();
+    EXPECT_FALSE(window->isVisible());
+    EXPECT_FALSE(ui.coordinator->promptWindowVisible().value());
+
+    ui.receive("api.example.com", 1);
+    ui.receive("cdn.example.com", 2);
+    ASSERT_TRUE(window->isVisible());
+    EXPECT_TRUE(ui.coordinator->promptWindowVisible().value());
+    EXPECT_EQ(window->objectName(), "TrafficPromptWindow");
+    EXPECT_EQ(window->windowTitle(), "Quillfort Prompt");
+    EXPECT_EQ(window->size(), QSize(700, 780));
+    EXPECT_TRUE(window->windowFlags() & Qt::WindowStaysOnTopHint);
+    EXPECT_FALSE(window->windowFlags() & Qt::WindowCloseButtonHint);
+    EXPECT_EQ(ui.find<QLabel>("HeaderTitleLabel")->text(), "api.example.com:443");
+
+    // Answering the head rebinds the same window to the next prompt.
+    ui.click(ui.find<QAbstractButton>("CancelButton"));
+    EXPECT_EQ(ui.presenter->window(), window);
+    EXPECT_EQ(ui.find<QLabel>("HeaderTitleLabel")->text(), "cdn.example.com:443");
+
+    ui.click(ui.find<QAbstractButton>("CancelButton"));
+    EXPECT_FALSE(window->isVisible());
+    EXPECT_FALSE(ui.coordinator->promptWindowVisible().value());
+    ASSERT_EQ(ui.replies.size(), 2u);
+    EXPECT_EQ(ui.replies[1].second.action, RuleAction::drop);
+    EXPECT_EQ(ui.replies[1].second.scope, RuleScope::temporary);
+}
+
+TEST(TrafficPromptView, AlwaysThenBlockAnswersBlockPermanent) {
+    UiHarness ui;
+    ui.receive("api.example.com", 1);
+    auto* block = ui.find<QAbstractButton>("BlockButton");
+    EXPECT_EQ(shown(block), "Block Once");
+    ui.click(ui.find<QAbstractButton>("DurationChipAlways"));
+    EXPECT_EQ(shown(block), "Block Always");
+    EXPECT_EQ(shown(ui.find<QAbstractButton>("AllowButton")), "Allow Always");
+    ui.click(block);
+    ASSERT_EQ(ui.replies.size(), 1u);
+    EXPECT_EQ(ui.replies[0].second.action, RuleAction::drop);
+    EXPECT_EQ(ui.replies[0].second.scope, RuleScope::persistent);
+}
+
+TEST(TrafficPromptView, PendingPillAndCancelAllAppearFromTwoQueuedPrompts) {
+    UiHarness ui;
+    ui.receive("one.example.com", 1);
+    auto* pill = ui.find<QLabel>("PendingPill");
+    auto* cancelAll = ui.find<QAbstractButton>("CancelAllButton");
+    EXPECT_FALSE(pill->isVisible());
+    EXPECT_FALSE(cancelAll->isVisible());
+    ui.receive("two.example.com", 2);
+    ui.receive("three.example.com", 3);
+    EXPECT_TRUE(pill->isVisible());
+    EXPECT_EQ(pill->text(), "3 pending");
+    ui.click(cancelAll);
+    EXPECT_EQ(ui.replies.size(), 3u);
+    EXPECT_TRUE(ui.coordinator->activePrompts().value().empty());
+}
+
+TEST(TrafficPromptView, SignerChangedChoiceIsDisabledForAOneTimeAnswer) {
+    UiHarness ui;
+    Rule existing = quillfort::testing::sampleRule();
+    existing.subject = {RuleSubject::exactExecutable("/usr/bin/curl"), RuleSubject::signingID("old.curl")};
+    ui.rules->rules = {existing};
+    ui.receive("api.example.com", 1);
+    ASSERT_TRUE(ui.find("SignerChangedCard")->isVisible());
+    auto* reuse = ui.find<QAbstractButton>("ReuseExistingChip");
+    EXPECT_FALSE(reuse->isEnabled());
+    EXPECT_FALSE(ui.find<QAbstractButton>("SeparateRuleChip")->isEnabled());
+    ui.click(ui.find<QAbstractButton>("DurationChipSession"));
+    EXPECT_TRUE(reuse->isEnabled());
+    ui.click(reuse);
+    EXPECT_TRUE(ui.coordinator->activePrompts().value().front().reuseExistingSignerRule);
+    EXPECT_TRUE(reuse->isChecked());
+}
+
+TEST(TrafficPromptView, HostPickerWritesTheScopeIntoTheSessionAndThePreview) {
+    UiHarness ui;
+    ui.receive("api.example.com", 1);
+    auto* host = ui.find<QComboBox>("HostPicker");
+    const int suffix = host->findText("*.example.com");
+    ASSERT_GE(suffix, 0);
+    host->activated(suffix);
+    UiHarness::settle();
+    const auto& selection = ui.coordinator->activePrompts().value().front().ruleSelection;
+    EXPECT_EQ(selection.hostMatchMode, FlowPromptHostMatchMode::suffix);
+    EXPECT_EQ(selection.hostPatternOverride, ".example.com");
+    EXPECT_EQ(host->currentText(), "*.example.com");
+    ui.click(ui.find<QAbstractButton>("DurationChipSession"));
+    EXPECT_TRUE(ui.find<QLabel>("RulePreviewText")->text().contains("domain=.example.com"));
+}
+
+TEST(TrafficPromptView, InputInsideTheGuardTimeDoesNothing) {
+    UiHarness ui;
+    auto& view = ui.presenter->rootView()->promptView();
+    view.setInputGuardInterval(std::chrono::hours(1));
+    ui.receive("api.example.com", 1);
+    ui.click(ui.find<QAbstractButton>("AllowButton"));
+    ui.click(ui.find<QAbstractButton>("CancelButton"));
+    QTest::keyClick(ui.presenter->window(), Qt::Key_Escape);
+    UiHarness::settle();
+    EXPECT_TRUE(ui.replies.empty());
+    view.setInputGuardInterval(std::chrono::milliseconds(0));
+    ui.click(ui.find<QAbstractButton>("AllowButton"));
+    EXPECT_EQ(ui.replies.size(), 1u);
+}
+
+}  // namespace
+}  // namespace quillfort::ui

@@ -1,0 +1,103 @@
+// A coordinator with fixed clock, ids and rules, the presenter on top of it,
+// and helpers to find widgets by object name, for the widget tests.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/ui/AgentPromptWindowPresenter.hpp"
+#include "QuillfortAgent/ui/AgentPromptWindowView.hpp"
+#include "QuillfortAgent/ui/TrafficPromptView.hpp"
+#include "platform/InMemoryUserDefaults.hpp"
+#include "tests/testsupport/FakeFileSystem.hpp"
+#include "tests/testsupport/ModelSamples.hpp"
+#include "tests/testsupport/SequentialUuidSource.hpp"
+
+namespace quillfort::ui::testing {
+
+inline QApplication& application() {
+    static int argc = 1;
+    static char name[] = "agent_ui_tests";
+    static char* argv[] = {name, nullptr};
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+    // Never destroyed: Qt Test's input devices are torn down at exit and must
+    // not outlive the application they belong to.
+    static auto* app = new QApplication(argc, argv);
+    return *app;
+}
+
+class FixedClock final : public Clock {
+public:
+    [[nodiscard]] std::chrono::system_clock::time_point now() const override {
+        return quillfort::testing::sampleDate();
+    }
+};
+
+class FakeRules final : public RuleSnapshotReader {
+public:
+    [[nodiscard]] std::vector<Rule> currentRules() override { return rules; }
+    std::vector<Rule> rules;
+};
+
+struct UiHarness {
+    UiHarness() {
+        application();
+        fileSystem->setAppGroupContainer("/srv/group");
+        coordinator = std::make_shared<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
+            .processInfo = {},
+            .userDefaults = std::make_shared<InMemoryUserDefaults>(),
+            .rules = rules,
+            .fileSystem = fileSystem,
+            .clock = std::make_shared<FixedClock>(),
+            .uuids = std::make_shared<quillfort::testing::SequentialUuidSource>(1000),
+            .formatTime = [](auto) { return std::string("12:00:00"); },
+        });
+        presenter = std::make_unique<AgentPromptWindowPresenter>(coordinator);
+        presenter->start();
+        presenter->rootView()->promptView().setInputGuardInterval(std::chrono::milliseconds(0));
+    }
+
+    void receive(const std::string& host, std::uint64_t n) {
+        FlowPromptRequest request{
+            .id = quillfort::testing::sampleUuid(n), .context = quillfort::testing::sampleFlowContext(), .suggestedRule = {}};
+        request.context.matchedHostname = host;
+        coordinator->receivePrompt(request, [this, n](std::optional<FlowPromptResponse> response, auto) {
+            if (response) replies.emplace_back(n, *response);
+        });
+        settle();
+    }
+
+    static void settle() {
+        for (int i = 0; i < 3; ++i) QApplication::processEvents();
+    }
+
+    template <class T = QWidget>
+    T* find(const char* objectName) const {
+        auto* widget = presenter->window()->findChild<T*>(objectName);
+        EXPECT_NE(widget, nullptr) << objectName;
+        return widget;
+    }
+
+    void click(QAbstractButton* button) {
+        ASSERT_NE(button, nullptr);
+        QTest::mouseClick(button, Qt::LeftButton);
+        settle();
+    }
+
+    std::shared_ptr<quillfort::testing::FakeFileSystem> fileSystem = std::make_shared<quillfort::testing::FakeFileSystem>();
+    std::shared_ptr<FakeRules> rules = std::make_shared<FakeRules>();
+    std::shared_ptr<AgentPromptCoordinator> coordinator;
+    std::unique_ptr<AgentPromptWindowPresenter> presenter;
+    std::vector<std::pair<std::uint64_t, FlowPromptResponse>> replies;
+};
+
+}  // namespace quillfort::ui::testing
