@@ -1,5 +1,8 @@
 #include "QuillfortAgent/ui/AgentStatusView.hpp"
 
+#include <algorithm>
+#include <unordered_set>
+
 #include <QComboBox>
 #include <QHBoxLayout>
 #include <QPainter>
@@ -118,6 +121,9 @@ AgentStatusView::AgentStatusView(QuillfortFeatureFlags featureFlags,
     promptRows_ = new QVBoxLayout;
     promptRows_->setSpacing(8);
     layout->addLayout(promptRows_);
+    emptyQueueText_ = new QFText(q(AgentStatusViewModel::emptyQueueText), F::qfCaption, N::qfText3, column);
+    emptyQueueText_->setObjectName("StatusEmptyQueue");
+    layout->addWidget(emptyQueueText_);
     layout->addWidget(new QFSeparator(column));
 
     // Recent Responses.
@@ -160,63 +166,81 @@ void AgentStatusView::refresh() {
     manifestValue_->setText(QString::fromStdString(coordinator_->endpointPath().value()));
     activeTitle_->setText(
         QString::fromStdString(AgentStatusViewModel::activePromptsTitle(coordinator_->activePrompts().value().size())));
-    rebuildPromptRows();
+    updatePromptRows();
     rebuildRecentRows();
 }
 
-void AgentStatusView::rebuildPromptRows() {
-    clear(promptRows_);
-    auto* parent = promptRows_->parentWidget();
+void AgentStatusView::updatePromptRows() {
     const auto& queue = coordinator_->activePrompts().value();
-    if (queue.empty()) {
-        auto* empty = new QFText(q(AgentStatusViewModel::emptyQueueText), F::qfCaption, N::qfText3, parent);
-        empty->setObjectName("StatusEmptyQueue");
-        promptRows_->addWidget(empty);
-        return;
-    }
-    int index = 0;
-    for (const auto& session : queue) {
-        auto* row = new QWidget(parent);
-        row->setObjectName(QStringLiteral("StatusPromptRow%1").arg(index++));
-        auto* layout = new QHBoxLayout(row);
-        layout->setContentsMargins(0, 0, 0, 0);
-        layout->setSpacing(10);
-        auto* text = new QVBoxLayout;
-        text->setSpacing(1);
-        text->addWidget(
-            new QFText(QString::fromStdString(AgentStatusViewModel::rowDestination(session)), F::qfBodyMono, N::qfText1, row));
-        text->addWidget(
-            new QFText(QString::fromStdString(AgentStatusViewModel::rowProcess(session)), F::qfCaption, N::qfText2, row));
-        layout->addLayout(text, 1);
-        auto* picker = new QComboBox(row);
-        picker->setObjectName("StatusPresetPicker");
-        picker->setAccessibleName("Decision");
-        for (const auto& [preset, raw] : EnumTraits<AgentPromptDecisionPreset>::entries) {
-            picker->addItem(q(AgentPromptDecisionPresets::title(preset)), static_cast<int>(preset));
+    std::unordered_set<Uuid> queued;
+    for (const auto& session : queue) queued.insert(session.id());
+    std::erase_if(shownRows_, [&](const PromptRow& row) {
+        if (queued.contains(row.id)) return false;
+        row.widget->hide();
+        row.widget->deleteLater();  // a row's own Send button may be on the stack
+        return true;
+    });
+    for (std::size_t i = 0; i < queue.size(); ++i) {
+        const auto& session = queue[i];
+        const auto found = std::find_if(shownRows_.begin() + static_cast<std::ptrdiff_t>(i), shownRows_.end(),
+                                        [&](const PromptRow& row) { return row.id == session.id(); });
+        QWidget* widget = nullptr;
+        if (found == shownRows_.end()) {
+            widget = makePromptRow(session);
+            shownRows_.insert(shownRows_.begin() + static_cast<std::ptrdiff_t>(i), {session.id(), widget});
+            promptRows_->insertWidget(static_cast<int>(i), widget);
+        } else {
+            widget = found->widget;
+            if (found != shownRows_.begin() + static_cast<std::ptrdiff_t>(i)) {
+                std::rotate(shownRows_.begin() + static_cast<std::ptrdiff_t>(i), found, found + 1);
+                promptRows_->insertWidget(static_cast<int>(i), widget);
+            }
         }
-        picker->setCurrentIndex(picker->findData(static_cast<int>(session.selectedPreset)));
-        const Uuid id = session.id();
-        connect(picker, &QComboBox::activated, this, [this, picker, id](int i) {
-            coordinator_->setSelectedPreset(id, static_cast<AgentPromptDecisionPreset>(picker->itemData(i).toInt()));
-        });
-        auto* send = new QFAccentButton("Send", false, row);
-        send->setObjectName("StatusSendButton");
-        send->setAccessibleDescription(QString::fromStdString(AgentStatusViewModel::rowDestination(session)));
-        // Answered later: resolving rebuilds these rows, and the button must not
-        // be deleted inside its own click.
-        connect(send, &QAbstractButton::clicked, this, [this, id] {
-            QTimer::singleShot(0, this, [this, id] { coordinator_->resolvePrompt(id); });
-        });
-        layout->addWidget(picker);
-        layout->addWidget(send);
-        promptRows_->addWidget(row);
+        widget->setObjectName(QStringLiteral("StatusPromptRow%1").arg(i));
+        auto* picker = widget->findChild<QComboBox*>("StatusPresetPicker");
+        const int index = picker->findData(static_cast<int>(session.selectedPreset));
+        if (picker->currentIndex() != index) picker->setCurrentIndex(index);
     }
+    emptyQueueText_->setVisible(queue.empty());
+}
+
+QWidget* AgentStatusView::makePromptRow(const AgentPromptSession& session) {
+    auto* row = new QWidget(promptRows_->parentWidget());
+    auto* layout = new QHBoxLayout(row);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(10);
+    auto* text = new QVBoxLayout;
+    text->setSpacing(1);
+    text->addWidget(
+        new QFText(QString::fromStdString(AgentStatusViewModel::rowDestination(session)), F::qfBodyMono, N::qfText1, row));
+    text->addWidget(
+        new QFText(QString::fromStdString(AgentStatusViewModel::rowProcess(session)), F::qfCaption, N::qfText2, row));
+    layout->addLayout(text, 1);
+    auto* picker = new QComboBox(row);
+    picker->setObjectName("StatusPresetPicker");
+    picker->setAccessibleName("Decision");
+    for (const auto& [preset, raw] : EnumTraits<AgentPromptDecisionPreset>::entries) {
+        picker->addItem(q(AgentPromptDecisionPresets::title(preset)), static_cast<int>(preset));
+    }
+    const Uuid id = session.id();
+    connect(picker, &QComboBox::activated, this, [this, picker, id](int i) {
+        coordinator_->setSelectedPreset(id, static_cast<AgentPromptDecisionPreset>(picker->itemData(i).toInt()));
+    });
+    auto* send = new QFAccentButton("Send", false, row);
+    send->setObjectName("StatusSendButton");
+    send->setAccessibleDescription(QString::fromStdString(AgentStatusViewModel::rowDestination(session)));
+    connect(send, &QAbstractButton::clicked, this, [this, id] { coordinator_->resolvePrompt(id); });
+    layout->addWidget(picker);
+    layout->addWidget(send);
+    return row;
 }
 
 void AgentStatusView::rebuildRecentRows() {
+    const auto& records = coordinator_->recentResponses().value();
+    if (records == shownRecent_ && recentRows_->count() > 0) return;
+    shownRecent_ = records;
     clear(recentRows_);
     auto* parent = recentRows_->parentWidget();
-    const auto& records = coordinator_->recentResponses().value();
     if (records.empty()) {
         auto* none = new QFText(q(AgentStatusViewModel::noResponsesText), F::qfCaption, N::qfText3, parent);
         none->setObjectName("StatusNoResponses");

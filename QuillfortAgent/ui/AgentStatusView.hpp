@@ -7,6 +7,7 @@
 
 #include <QWidget>
 
+#include "QuillfortAgent/AgentPromptSession.hpp"
 #include "QuillfortAgent/Observable.hpp"
 #include "support/QuillfortFeatureFlags.hpp"
 
@@ -31,7 +32,8 @@ protected:
 private:
     void scheduleRefresh();
     void refresh();
-    void rebuildPromptRows();
+    void updatePromptRows();
+    [[nodiscard]] QWidget* makePromptRow(const AgentPromptSession& session);
     void rebuildRecentRows();
 
     QuillfortFeatureFlags featureFlags_;
@@ -44,6 +46,15 @@ private:
     QFText* manifestValue_ = nullptr;
     QFText* activeTitle_ = nullptr;
     QVBoxLayout* promptRows_ = nullptr;
+    QWidget* emptyQueueText_ = nullptr;
+    // The rows shown, in queue order: a new prompt adds one row, an answer
+    // removes one, so a long queue is never rebuilt.
+    struct PromptRow {
+        Uuid id;
+        QWidget* widget;
+    };
+    std::vector<PromptRow> shownRows_;
+    std::vector<AgentResolvedPrompt> shownRecent_;
     QVBoxLayout* recentRows_ = nullptr;
 };
 

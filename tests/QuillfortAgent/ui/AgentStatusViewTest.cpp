@@ -14,11 +14,13 @@ TEST(AgentStatusView, SendAnswersTheRowsPromptWithItsPickedPreset) {
     UiHarness ui;
     AgentStatusView status({}, ui.coordinator);
     status.show();
-    EXPECT_TRUE(status.findChild<QLabel*>("StatusEmptyQueue"));
+    auto* emptyQueue = status.findChild<QLabel*>("StatusEmptyQueue");
+    EXPECT_TRUE(emptyQueue->isVisible());
     EXPECT_TRUE(status.findChild<QLabel*>("StatusNoResponses"));
 
     ui.receive("head.example.com", 1);
     ui.receive("second.example.com", 2);
+    EXPECT_FALSE(emptyQueue->isVisible());
     auto* row = status.findChild<QWidget*>("StatusPromptRow1");
     ASSERT_NE(row, nullptr);
     auto* picker = row->findChild<QComboBox*>("StatusPresetPicker");
@@ -34,6 +36,8 @@ TEST(AgentStatusView, SendAnswersTheRowsPromptWithItsPickedPreset) {
     EXPECT_EQ(ui.replies[0].second.scope, RuleScope::persistent);
     ASSERT_EQ(ui.coordinator->activePrompts().value().size(), 1u);
     EXPECT_FALSE(status.findChild<QLabel*>("StatusNoResponses"));
+    // The head's row stays, now alone.
+    EXPECT_EQ(status.findChildren<QAbstractButton*>("StatusSendButton").size(), 1);
 }
 
 }  // namespace
