@@ -13,28 +13,12 @@
 #include "contracts/PromptFrame.hpp"
 #include "contracts/QuillfortSharedContainer.hpp"
 #include "model/Json.hpp"
-#include "model/Text.hpp"
 
 namespace quillfort {
 
 namespace {
 
 constexpr std::string_view undecodableRequestMessage = "Failed to decode the Quillfort prompt request.";
-
-std::string processDisplayTitle(const AgentPromptSession& session) {
-    const auto& node = session.request.context.matchedProcessNode;
-    if (!node) return "Unknown Process";
-    if (node->identity.bundleID && !node->identity.bundleID->empty()) return *node->identity.bundleID;
-    if (!node->identity.executablePath.empty()) return std::string(text::lastPathComponent(node->identity.executablePath));
-    return "Unknown Process";
-}
-
-std::string previewText(const AgentPromptSession& session) {
-    if (const auto rule = session.suggestedRule()) {
-        return fmt::format("{} {} {}", rawValue(rule->action), rawValue(rule->scope), rule->name);
-    }
-    return fmt::format("Temporary {} decision", rawValue(AgentPromptDecisionPresets::action(session.selectedPreset)));
-}
 
 // One frame being read from a loopback connection.
 struct FrameRead {
@@ -98,7 +82,7 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
       requestedLoopbackPort_(dependencies.loopbackPort),
       sessionIdentifier_(uuids_->next().uppercaseString()),
       bridgeQueue_(std::make_unique<BridgeQueue>()) {
-    promptAgentStatus_ = initialStatus();
+    statusPublisher_ = std::make_unique<AgentStatusPublisher>(promptAgentStatusStore_, clock_, initialStatus());
 }
 
 QuillfortAgentPromptServiceHost::~QuillfortAgentPromptServiceHost() {
@@ -109,6 +93,9 @@ QuillfortAgentPromptServiceHost::~QuillfortAgentPromptServiceHost() {
     auto observers = std::make_shared<std::pair<Subscription, Subscription>>(
         std::move(activePromptObserver_), std::move(promptWindowVisibilityObserver_));
     if (mainThread_) mainThread_->post([observers] { *observers = {}; });
+
+    // The writer must be done before the file goes, or it could bring it back.
+    statusPublisher_->stop(/*flushPending=*/started_ && keepFilesOnTeardown_);
 
     // A host that never started has nothing of its own on disk; clearing would
     // only take the manifest and status away from another running agent.
@@ -126,6 +113,8 @@ void QuillfortAgentPromptServiceHost::stopServing() {
 void QuillfortAgentPromptServiceHost::stopForProcessExit() {
     keepFilesOnTeardown_ = true;
     stopServing();
+    // The next launch and the tool find the newest status, not one a write behind.
+    statusPublisher_->stop(/*flushPending=*/true);
 }
 
 void QuillfortAgentPromptServiceHost::cancelServingOnBridgeQueue() {
@@ -150,10 +139,7 @@ void QuillfortAgentPromptServiceHost::onBridgeQueue(std::function<void(Quillfort
     });
 }
 
-PromptAgentStatusSnapshot QuillfortAgentPromptServiceHost::status() const {
-    std::lock_guard lock(statusLock_);
-    return promptAgentStatus_;
-}
+PromptAgentStatusSnapshot QuillfortAgentPromptServiceHost::status() const { return statusPublisher_->snapshot(); }
 
 std::uint16_t QuillfortAgentPromptServiceHost::loopbackPort() const noexcept { return boundLoopbackPort_.load(); }
 
@@ -202,10 +188,18 @@ void QuillfortAgentPromptServiceHost::start() {
     if (started_) return;
     started_ = true;
 
-    // Only the fact of a change matters; the state is read afresh when the task runs.
+    // Only the fact of a change matters; the state is read afresh when the task
+    // runs, so a burst of changes (a queue filling up) needs one republish.
+    // Observers are called on the main thread, like the flag's other uses.
     auto republish = [weak = weakSelf(), mainThread = mainThread_] {
+        auto self = weak.lock();
+        if (!self || self->presentationRepublishPosted_) return;
+        self->presentationRepublishPosted_ = true;
         mainThread->post([weak] {
-            if (auto self = weak.lock()) self->publishPromptPresentationState();
+            auto host = weak.lock();
+            if (!host) return;
+            host->presentationRepublishPosted_ = false;
+            host->publishPromptPresentationState();
         });
     };
     activePromptObserver_ = coordinator_->activePrompts().subscribe([republish](const auto&) { republish(); });
@@ -285,35 +279,10 @@ PromptAgentStatusSnapshot QuillfortAgentPromptServiceHost::initialStatus() const
 }
 
 void QuillfortAgentPromptServiceHost::publishStatus(const StatusMutation& mutation) {
-    PromptAgentStatusSnapshot copy;
-    bool scheduleWrite = false;
-    {
-        std::lock_guard lock(statusLock_);
-        mutation(promptAgentStatus_);
-        promptAgentStatus_.updatedAt = now();
-        copy = promptAgentStatus_;
-        scheduleWrite = !statusWriteScheduled_;
-        statusWriteScheduled_ = true;
-    }
-    // One write waits on the bridge queue at a time and saves whatever is newest
-    // when it runs, so a burst of changes costs one file write and the last
-    // snapshot is always the one left on disk.
-    if (scheduleWrite) onBridgeQueue([](QuillfortAgentPromptServiceHost& self) { self.writeLatestStatus(); });
-    onMainThread([text = std::move(copy.statusText)](QuillfortAgentPromptServiceHost& self) {
+    auto text = statusPublisher_->publish(mutation);
+    onMainThread([text = std::move(text)](QuillfortAgentPromptServiceHost& self) {
         self.coordinator_->updateListenerStatus(text);
     });
-}
-
-void QuillfortAgentPromptServiceHost::writeLatestStatus() {
-    PromptAgentStatusSnapshot latest;
-    {
-        std::lock_guard lock(statusLock_);
-        latest = promptAgentStatus_;
-        statusWriteScheduled_ = false;
-    }
-    if (auto saved = promptAgentStatusStore_.save(latest); !saved) {
-        logger_.error("Failed to persist the prompt-agent status snapshot: %{public}s", saved.error());
-    }
 }
 
 void QuillfortAgentPromptServiceHost::recordPromptReceived() {
@@ -325,46 +294,21 @@ void QuillfortAgentPromptServiceHost::recordPromptResolved() {
 }
 
 void QuillfortAgentPromptServiceHost::publishPromptPresentationState() {
-    const auto& sessions = coordinator_->activePrompts().value();
-    const auto count = static_cast<std::int64_t>(sessions.size());
-    std::optional<PromptAgentActivePromptSnapshot> active;
-    if (!sessions.empty()) active = makeActivePromptSnapshot(sessions.front(), count);
-    std::vector<PromptAgentQueuedPromptSnapshot> queued;
-    queued.reserve(sessions.size());
-    for (const auto& session : sessions) queued.push_back(makeQueuedPromptSnapshot(session));
-    const bool visible = coordinator_->promptWindowVisible().value();
-
-    publishStatus([&](PromptAgentStatusSnapshot& status) {
-        status.activePrompt = std::move(active);
-        status.activePromptCount = count;
-        status.promptWindowVisible = visible;
-        status.queuedPrompts = std::move(queued);
+    auto text = statusPublisher_->publishPresentation(coordinator_->activePrompts().value(),
+                                                      coordinator_->promptWindowVisible().value());
+    onMainThread([text = std::move(text)](QuillfortAgentPromptServiceHost& self) {
+        self.coordinator_->updateListenerStatus(text);
     });
 }
 
 PromptAgentQueuedPromptSnapshot QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(
     const AgentPromptSession& session) {
-    const auto& context = session.request.context;
-    return PromptAgentQueuedPromptSnapshot{
-        .promptID = session.request.id,
-        .host = context.host().value_or("unknown-host"),
-        .port = context.port(),
-        .processDisplayTitle = processDisplayTitle(session),
-        .previewText = previewText(session),
-    };
+    return AgentStatusPublisher::makeQueuedPromptSnapshot(session);
 }
 
 PromptAgentActivePromptSnapshot QuillfortAgentPromptServiceHost::makeActivePromptSnapshot(
     const AgentPromptSession& session, std::int64_t queueCount) {
-    auto queued = makeQueuedPromptSnapshot(session);
-    return PromptAgentActivePromptSnapshot{
-        .promptID = queued.promptID,
-        .host = std::move(queued.host),
-        .port = queued.port,
-        .queueCount = queueCount,
-        .processDisplayTitle = std::move(queued.processDisplayTitle),
-        .previewText = std::move(queued.previewText),
-    };
+    return AgentStatusPublisher::makeActivePromptSnapshot(makeQueuedPromptSnapshot(session), queueCount);
 }
 
 // ---------------------------------------------------------------------------

@@ -20,6 +20,7 @@
 
 #include "QuillfortAgent/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/AgentPromptSession.hpp"
+#include "QuillfortAgent/AgentStatusPublisher.hpp"
 #include "QuillfortAgent/BridgeQueue.hpp"
 #include "QuillfortAgent/LoopbackConnection.hpp"
 #include "QuillfortAgent/LoopbackListener.hpp"
@@ -113,7 +114,6 @@ private:
 
     // Status.
     void publishStatus(const StatusMutation& mutation);
-    void writeLatestStatus();
     void recordPromptReceived();
     void recordPromptResolved();
     void publishPromptPresentationState();
@@ -170,9 +170,9 @@ private:
     // Declared before everything that lives on its io_context, so those go first.
     std::unique_ptr<BridgeQueue> bridgeQueue_;
 
-    mutable std::mutex statusLock_;
-    PromptAgentStatusSnapshot promptAgentStatus_;  // guarded by statusLock_
-    bool statusWriteScheduled_ = false;            // guarded by statusLock_
+    // The status in memory and its file; publishing is safe from any thread and
+    // the file is written on the publisher's own thread.
+    std::unique_ptr<AgentStatusPublisher> statusPublisher_;
 
     // Bridge queue only.
     std::unique_ptr<boost::asio::steady_timer> pollTimer_;
@@ -184,6 +184,7 @@ private:
     // Main thread only.
     bool started_ = false;
     bool keepFilesOnTeardown_ = false;
+    bool presentationRepublishPosted_ = false;  // one republish waits at a time
     Subscription activePromptObserver_;
     Subscription promptWindowVisibilityObserver_;
 

@@ -14,12 +14,13 @@ Result<std::optional<std::string>> readStoreFile(const FileSystem& fileSystem,
 }
 
 VoidResult writeStoreFile(FileSystem& fileSystem, const std::optional<std::filesystem::path>& location,
-                          std::string_view bytes) {
+                          std::string_view bytes, bool durable) {
     if (!location) return {};
     if (auto directory = location->parent_path(); !directory.empty()) {
         if (auto created = fileSystem.createDirectories(directory); !created) return created;
     }
-    return fileSystem.writeFileAtomically(*location, bytes);
+    return durable ? fileSystem.writeFileAtomically(*location, bytes)
+                   : fileSystem.replaceFileWithoutSync(*location, bytes);
 }
 
 VoidResult removeStoreFile(FileSystem& fileSystem, const std::optional<std::filesystem::path>& location) {

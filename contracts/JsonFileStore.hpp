@@ -19,9 +19,10 @@ namespace detail {
 // The file's bytes; nothing without a location or when the file does not exist.
 [[nodiscard]] Result<std::optional<std::string>> readStoreFile(const FileSystem& fileSystem,
                                                                const std::optional<std::filesystem::path>& location);
-// Creates the missing parent directories, then replaces the file atomically.
+// Creates the missing parent directories, then replaces the file atomically;
+// only a durable write waits for the disk.
 [[nodiscard]] VoidResult writeStoreFile(FileSystem& fileSystem, const std::optional<std::filesystem::path>& location,
-                                        std::string_view bytes);
+                                        std::string_view bytes, bool durable = true);
 // Removes the file when it exists.
 [[nodiscard]] VoidResult removeStoreFile(FileSystem& fileSystem, const std::optional<std::filesystem::path>& location);
 }  // namespace detail
@@ -48,6 +49,13 @@ public:
     [[nodiscard]] VoidResult save(const T& value) const {
         if (!location_) return {};
         return detail::writeStoreFile(*fileSystem_, location_, encodePretty(value));
+    }
+
+    // For a file that only mirrors state kept elsewhere: still replaced whole
+    // and atomically, but a crash may leave the previous version behind.
+    [[nodiscard]] VoidResult saveWithoutSync(const T& value) const {
+        if (!location_) return {};
+        return detail::writeStoreFile(*fileSystem_, location_, encodePretty(value), /*durable=*/false);
     }
 
     [[nodiscard]] VoidResult clear() const { return detail::removeStoreFile(*fileSystem_, location_); }

@@ -68,6 +68,14 @@ public:
     // never a mix. Missing parent directories are not created.
     [[nodiscard]] virtual VoidResult writeFileAtomically(const std::filesystem::path& path,
                                                          std::string_view bytes) = 0;
+    // The same one-step replacement without waiting for the disk: for mirrors
+    // and hand-offs that are rebuilt anyway after a crash (the status file,
+    // bridge responses). Readers still never see a mix; a crash may leave the
+    // previous version. By default as durable as writeFileAtomically.
+    [[nodiscard]] virtual VoidResult replaceFileWithoutSync(const std::filesystem::path& path,
+                                                            std::string_view bytes) {
+        return writeFileAtomically(path, bytes);
+    }
 
     // The entries in the order the directory gives them; "." and ".." never appear.
     [[nodiscard]] virtual Result<std::vector<DirectoryEntry>> listDirectory(

@@ -224,6 +224,15 @@ Result<FileIdentity> PosixFileSystem::fileIdentity(const std::filesystem::path& 
 
 VoidResult PosixFileSystem::writeFileAtomically(const std::filesystem::path& path,
                                                 std::string_view bytes) {
+    return replaceFile(path, bytes, /*durable=*/true);
+}
+
+VoidResult PosixFileSystem::replaceFileWithoutSync(const std::filesystem::path& path,
+                                                   std::string_view bytes) {
+    return replaceFile(path, bytes, /*durable=*/false);
+}
+
+VoidResult PosixFileSystem::replaceFile(const std::filesystem::path& path, std::string_view bytes, bool durable) {
     const std::string name = path.filename().native();
     if (name.empty() || name == "." || name == "..") return failure(EISDIR, path);
     const auto directory = path.parent_path().empty() ? std::filesystem::path(".") : path.parent_path();
@@ -251,9 +260,10 @@ VoidResult PosixFileSystem::writeFileAtomically(const std::filesystem::path& pat
         return failure(err, path);
     };
     if (int err = writeAll(fd.get(), bytes); err != 0) return abandon(err);
-    if (::fsync(fd.get()) != 0) return abandon(errno);
+    if (durable && ::fsync(fd.get()) != 0) return abandon(errno);
     if (int err = fd.close(); err != 0) return abandon(err);
     if (::rename(temporary.c_str(), path.c_str()) != 0) return abandon(errno);
+    if (!durable) return {};
 
     // Make the rename itself durable. The new content is in place whatever
     // this says, so its failure is not reported.

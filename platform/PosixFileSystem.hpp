@@ -38,6 +38,8 @@ public:
     [[nodiscard]] Result<FileIdentity> fileIdentity(const std::filesystem::path& path) const override;
     [[nodiscard]] VoidResult writeFileAtomically(const std::filesystem::path& path,
                                                  std::string_view bytes) override;
+    [[nodiscard]] VoidResult replaceFileWithoutSync(const std::filesystem::path& path,
+                                                    std::string_view bytes) override;
 
     [[nodiscard]] Result<std::vector<DirectoryEntry>> listDirectory(
         const std::filesystem::path& path, bool skipHiddenEntries) const override;
@@ -45,6 +47,9 @@ public:
     [[nodiscard]] std::filesystem::path temporaryDirectory() const override;
 
 private:
+    [[nodiscard]] static VoidResult replaceFile(const std::filesystem::path& path, std::string_view bytes,
+                                                bool durable);
+
     // Both read once from the injected environment; empty values count as unset.
     std::optional<std::filesystem::path> homeFromEnvironment_;
     std::optional<std::filesystem::path> temporaryFromEnvironment_;

@@ -1,0 +1,74 @@
+#include "QuillfortAgent/AgentStatusPublisher.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/QuillfortAgent/ServiceHostHarness.hpp"
+
+namespace quillfort {
+namespace {
+
+using namespace quillfort::testing;
+using ::testing::ElementsAre;
+using ::testing::Field;
+
+AgentPromptSession queuedSession(std::uint64_t n, AgentPromptDecisionPreset preset) {
+    AgentPromptSession session;
+    session.request = sampleRequest(n, "host" + std::to_string(n) + ".example.com");
+    session.selectedPreset = preset;
+    return session;
+}
+
+// The per-session cache must never show an entry older than its session: a
+// changed choice shows at once, answered prompts leave, and the order is the
+// queue's.
+TEST(AgentStatusPublisher, QueueEntriesFollowEveryChangeOfTheirSession) {
+    TemporaryDirectory home;
+    auto fileSystem = defaultFileSystem();
+    AgentStatusPublisher publisher(PromptAgentStatusStore(*fileSystem, home.path() / "status.json"), systemClock(),
+                                   PromptAgentStatusSnapshot{});
+    const auto previewOf = [](const AgentPromptSession& session) {
+        return AgentStatusPublisher::makeQueuedPromptSnapshot(session).previewText;
+    };
+    const auto previews = [&] {
+        std::vector<std::string> texts;
+        for (const auto& entry : publisher.snapshot().queuedPrompts) texts.push_back(entry.previewText);
+        return texts;
+    };
+
+    std::vector<AgentPromptSession> sessions{queuedSession(1, AgentPromptDecisionPreset::allowOnce),
+                                             queuedSession(2, AgentPromptDecisionPreset::allowOnce),
+                                             queuedSession(3, AgentPromptDecisionPreset::blockOnce)};
+    publisher.publishPresentation(sessions, true);
+    EXPECT_THAT(previews(), ElementsAre("Temporary allow decision", "Temporary allow decision",
+                                        "Temporary drop decision"));
+
+    sessions[1].selectedPreset = AgentPromptDecisionPreset::allowSession;
+    publisher.publishPresentation(sessions, true);
+    EXPECT_THAT(previews(), ElementsAre("Temporary allow decision", previewOf(sessions[1]), "Temporary drop decision"));
+    EXPECT_THAT(previewOf(sessions[1]), ::testing::StartsWith("allow session "));
+
+    sessions.erase(sessions.begin());
+    sessions.push_back(queuedSession(1, AgentPromptDecisionPreset::blockSession));  // same id, asked again
+    publisher.publishPresentation(sessions, false);
+    const auto status = publisher.snapshot();
+    EXPECT_THAT(status.queuedPrompts,
+                ElementsAre(Field(&PromptAgentQueuedPromptSnapshot::promptID, sampleUuid(2)),
+                            Field(&PromptAgentQueuedPromptSnapshot::promptID, sampleUuid(3)),
+                            Field(&PromptAgentQueuedPromptSnapshot::promptID, sampleUuid(1))));
+    EXPECT_EQ(status.queuedPrompts.back().previewText, previewOf(sessions.back()));
+    ASSERT_TRUE(status.activePrompt);
+    EXPECT_EQ(status.activePrompt->promptID, sampleUuid(2));
+    EXPECT_EQ(status.activePrompt->queueCount, 3);
+    EXPECT_FALSE(status.promptWindowVisible);
+
+    // Stopping with a flush leaves exactly the newest snapshot on disk.
+    publisher.publish([](PromptAgentStatusSnapshot& s) { s.statusText = "last"; });
+    publisher.stop(/*flushPending=*/true);
+    auto onDisk = PromptAgentStatusStore(*fileSystem, home.path() / "status.json").loadIfPresent();
+    ASSERT_TRUE(onDisk && *onDisk);
+    EXPECT_EQ(**onDisk, publisher.snapshot());
+}
+
+}  // namespace
+}  // namespace quillfort
