@@ -33,12 +33,13 @@ void paintFocusRing(QPainter& painter, const QRectF& rect, qreal radius) {
     strokeRounded(painter, rect.adjusted(-2, -2, 2, 2), radius + 2, ring, 2);
 }
 
-// The header of a section: the title, room, and a chevron that turns down while open.
+// The header of a section: the title, room, and a chevron that turns down while
+// open. A plain button (press, not toggle, for assistive tools); the section
+// keeps the open state.
 class QFSectionHeader final : public QAbstractButton {
 public:
     explicit QFSectionHeader(const QString& title, QWidget* parent) : QAbstractButton(parent) {
         setText(title);
-        setCheckable(true);
         setFocusPolicy(Qt::TabFocus);  // a click must not leave a focus ring behind
         setCursor(Qt::PointingHandCursor);
         setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
@@ -59,7 +60,7 @@ protected:
         painter.drawText(textRect, Qt::AlignVCenter | Qt::AlignLeft, text());
         const QRectF chevron(width() - 16, (height() - 12) / 2.0, 12, 12);
         painter.translate(chevron.center());
-        if (isChecked()) painter.rotate(90);
+        if (property("expanded").toBool()) painter.rotate(90);
         painter.translate(-chevron.center());
         QFSymbols::paint(painter, "chevron.right", chevron, color(QFColorName::qfText3));
     }
@@ -226,9 +227,15 @@ QColor QFGhostButton::labelColor() const {
     return color(QFColorName::qfText2);
 }
 
+void QFSelectionChip::setSelected(bool selected) {
+    if (selected == selected_) return;
+    selected_ = selected;
+    setAccessibleDescription(selected ? QStringLiteral("selected") : QString());
+    update();
+}
+
 QFSelectionChip::QFSelectionChip(const QString& title, QWidget* parent) : QAbstractButton(parent) {
     setText(title);
-    setCheckable(true);
     setFocusPolicy(Qt::TabFocus);  // a click must not leave a focus ring behind
     setCursor(Qt::PointingHandCursor);
     setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
@@ -248,7 +255,7 @@ void QFSelectionChip::paintEvent(QPaintEvent*) {
     painter.setRenderHint(QPainter::Antialiasing);
     if (!isEnabled()) painter.setOpacity(0.45);
     const QRectF shape = QRectF(rect()).adjusted(2, 2, -2, -2);
-    const bool selected = isChecked();
+    const bool selected = selected_;
     if (selected) {
         painter.setPen(Qt::NoPen);
         painter.setBrush(color(QFColorName::qfAccentMuted));
@@ -280,18 +287,19 @@ QFSection::QFSection(const QString& title, bool defaultExpanded, QWidget* parent
     contentLayout_ = new QVBoxLayout(content_);
     contentLayout_->setContentsMargins(0, 0, 0, 0);
     contentLayout_->setSpacing(8);
-    // The header is checkable: a press flips its checked state, which shows or hides the content.
-    QObject::connect(header_, &QAbstractButton::toggled, content_, &QWidget::setVisible);
+    QObject::connect(header_, &QAbstractButton::clicked, this, [this] { setExpanded(!isExpanded()); });
     setExpanded(defaultExpanded);
 }
 
 bool QFSection::isExpanded() const {
-    return header_->isChecked();
+    return header_->property("expanded").toBool();
 }
 
 void QFSection::setExpanded(bool expanded) {
-    header_->setChecked(expanded);
-    content_->setVisible(expanded);  // also when unchanged, for the first call
+    header_->setProperty("expanded", expanded);
+    header_->setAccessibleDescription(expanded ? QStringLiteral("expanded") : QStringLiteral("collapsed"));
+    header_->update();
+    content_->setVisible(expanded);
 }
 
 void QFSection::paintEvent(QPaintEvent*) {

@@ -108,19 +108,22 @@ protected:
     [[nodiscard]] QSize padding() const override { return {14, 8}; }
 };
 
-// One of a row of choices: a checked look the owner sets from its model.
-// Pressing only reports the press; the owner decides what is selected.
+// One of a row of choices: a selected look the owner sets from its model.
+// Pressing only reports the press; the owner decides what is selected. Not a
+// checkable button, so that assistive tools offer it a plain press action.
 class QFSelectionChip : public QAbstractButton {
 public:
     explicit QFSelectionChip(const QString& title, QWidget* parent = nullptr);
-    void setSelected(bool selected) { setChecked(selected); }
-    [[nodiscard]] bool isSelected() const { return isChecked(); }
+    void setSelected(bool selected);
+    [[nodiscard]] bool isSelected() const noexcept { return selected_; }
     [[nodiscard]] QSize sizeHint() const override;
     [[nodiscard]] QSize minimumSizeHint() const override;
 
 protected:
     void paintEvent(QPaintEvent* event) override;
-    void nextCheckState() override {}
+
+private:
+    bool selected_ = false;
 };
 
 // A titled, outlined block whose header shows or hides its content.

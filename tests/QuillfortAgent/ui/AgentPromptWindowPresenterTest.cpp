@@ -82,14 +82,14 @@ TEST(TrafficPromptView, SignerChangedChoiceIsDisabledForAOneTimeAnswer) {
     ui.rules->rules = {existing};
     ui.receive("api.example.com", 1);
     ASSERT_TRUE(ui.find("SignerChangedCard")->isVisible());
-    auto* reuse = ui.find<QAbstractButton>("ReuseExistingChip");
+    auto* reuse = ui.find<QFSelectionChip>("ReuseExistingChip");
     EXPECT_FALSE(reuse->isEnabled());
     EXPECT_FALSE(ui.find<QAbstractButton>("SeparateRuleChip")->isEnabled());
     ui.click(ui.find<QAbstractButton>("DurationChipSession"));
     EXPECT_TRUE(reuse->isEnabled());
     ui.click(reuse);
     EXPECT_TRUE(ui.coordinator->activePrompts().value().front().reuseExistingSignerRule);
-    EXPECT_TRUE(reuse->isChecked());
+    EXPECT_TRUE(reuse->isSelected());
 }
 
 TEST(TrafficPromptView, HostPickerWritesTheScopeIntoTheSessionAndThePreview) {
