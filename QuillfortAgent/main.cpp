@@ -72,9 +72,8 @@ using AgentFrontEnd = ui::AgentUi;
 std::unique_ptr<AgentFrontEnd> makeFrontEnd(int& argc, char** argv, const ProcessInfo& processInfo,
                                             const Options& options) {
     if (options.headless) return nullptr;
-    if (!ui::displayAvailable(processInfo)) {
-        std::fputs("quillfort-agent: no display found (DISPLAY and WAYLAND_DISPLAY are unset); running headless.\n",
-                   stderr);
+    if (const auto problem = ui::displayProblem(processInfo)) {
+        std::fprintf(stderr, "quillfort-agent: %s; running headless.\n", problem->c_str());
         return nullptr;
     }
     return std::make_unique<AgentFrontEnd>(argc, argv, processInfo, QuillfortFeatureFlags::resolve(processInfo));

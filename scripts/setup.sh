@@ -10,7 +10,7 @@ packages=(
   libboost1.81-dev libboost-json1.81-dev
   libfmt-dev libsystemd-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  qt6-base-dev fonts-dejavu-core xvfb xdotool imagemagick
+  qt6-base-dev libxcb1-dev fonts-dejavu-core xvfb xdotool imagemagick
 )
 for arg in "$@"; do
   case "$arg" in

@@ -5,6 +5,8 @@
 #include <cstring>
 #include <unistd.h>
 
+#include <xcb/xcb.h>
+
 #include <QAction>
 #include <QApplication>
 #include <QMenu>
@@ -50,8 +52,17 @@ std::optional<bool> forcedAppearance(const ProcessInfo& processInfo) {
 
 }  // namespace
 
-bool displayAvailable(const ProcessInfo& processInfo) {
-    return nonEmpty(processInfo, "DISPLAY") || nonEmpty(processInfo, "WAYLAND_DISPLAY");
+std::optional<std::string> displayProblem(const ProcessInfo& processInfo) {
+    if (!nonEmpty(processInfo, "DISPLAY")) {
+        if (nonEmpty(processInfo, "WAYLAND_DISPLAY")) return std::nullopt;
+        return "no display found (DISPLAY and WAYLAND_DISPLAY are unset)";
+    }
+    const std::string display = *processInfo.environmentValue("DISPLAY");
+    xcb_connection_t* connection = xcb_connect(display.c_str(), nullptr);
+    const bool failed = xcb_connection_has_error(connection) != 0;
+    xcb_disconnect(connection);
+    if (failed) return "cannot open the X display " + display;
+    return std::nullopt;
 }
 
 struct AgentUi::Impl {

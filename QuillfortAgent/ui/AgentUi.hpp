@@ -5,6 +5,8 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "QuillfortAgent/MainThreadExecutor.hpp"
 #include "platform/ProcessInfo.hpp"
@@ -16,8 +18,10 @@ class AgentPromptCoordinator;
 
 namespace quillfort::ui {
 
-// True when the session has a display to show windows on (DISPLAY or WAYLAND_DISPLAY set and not empty).
-[[nodiscard]] bool displayAvailable(const ProcessInfo& processInfo);
+// Why this session cannot show windows ("no display found (...)", "cannot open
+// the X display :3"), or nothing when it can. An X display is tried once, so
+// that an unreachable one means headless instead of Qt aborting the agent.
+[[nodiscard]] std::optional<std::string> displayProblem(const ProcessInfo& processInfo);
 
 class AgentUi {
 public:
