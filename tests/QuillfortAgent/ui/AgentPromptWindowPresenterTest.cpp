@@ -22,8 +22,12 @@ TEST(AgentPromptWindowPresenter, ShowsTheWindowForAQueueAndHidesItWhenDrained) {
     EXPECT_FALSE(ui.coordinator->promptWindowVisible().value());
 
     ui.receive("api.example.com", 1);
-    ui.receive("cdn.example.com", 2);
     ASSERT_TRUE(window->isVisible());
+    // Once shown, the window stays where the user put it.
+    window->move(window->pos() + QPoint(37, 23));
+    const QPoint moved = window->pos();
+    ui.receive("cdn.example.com", 2);
+    EXPECT_EQ(window->pos(), moved);
     EXPECT_TRUE(ui.coordinator->promptWindowVisible().value());
     EXPECT_EQ(window->objectName(), "TrafficPromptWindow");
     EXPECT_EQ(window->windowTitle(), "Quillfort Prompt");

@@ -78,3 +78,13 @@ grep -q 'Presented the Quillfort prompt window titled Quillfort Prompt.' "$work/
   fail "the presenter did not log the presentation"
 kill -TERM "$agent_pid"
 wait "$agent_pid" || fail "SIGTERM ended the agent with status $?"
+
+# With --headless the display is ignored: no Qt platform plugin is loaded.
+"$agent" --headless --loopback-port "$port" >"$work/headless.log" 2>&1 &
+headless_pid=$!
+pids+=($headless_pid)
+for _ in $(seq 200); do grep -q 'Listening for loopback prompt requests' "$work/headless.log" && break; sleep 0.05; done
+grep -q 'platforms/libq' "/proc/$headless_pid/maps" && fail "the headless agent loaded a Qt platform plugin"
+kill -TERM "$headless_pid"
+wait "$headless_pid" || fail "SIGTERM ended the headless agent with status $?"
+echo "ok: headless with a display loads no platform plugin"
