@@ -352,12 +352,52 @@ void QuillfortAgentPromptServiceHost::startPolling() {
     pollTimer_ = std::make_unique<boost::asio::steady_timer>(bridgeQueue_->context());
     nextPollAt_ = std::chrono::steady_clock::now();  // the first poll runs at once
     schedulePoll();
+    startWatchingDirectories();
 }
 
 void QuillfortAgentPromptServiceHost::stopPolling() {
+    if (directoryWatcher_) {
+        directoryWatcher_->cancel();
+        directoryWatcher_.reset();
+    }
     if (!pollTimer_) return;
     pollTimer_->cancel();
     pollTimer_.reset();
+}
+
+// A request is handled when its file appears; the poll stays as the net for
+// anything a notification missed (or when inotify is not available at all).
+void QuillfortAgentPromptServiceHost::startWatchingDirectories() {
+    const auto& requests = requestDirectoryURL();
+    if (!requests) return;
+    std::vector<std::filesystem::path> directories{*requests};
+    if (const auto& session = sessionDirectoryURL()) directories.push_back(*session);  // the command file
+    auto watcher = DirectoryWatcher::make(bridgeQueue_->context(), directories);
+    if (!watcher) {
+        logger_.error("Failed to watch the prompt bridge directories: %{public}s", watcher.error());
+        return;
+    }
+    directoryWatcher_ = std::move(*watcher);
+    directoryWatcher_->start([weak = weakSelf()] {
+        auto self = weak.lock();
+        if (self && self->pollTimer_) self->processPendingRequests();
+    });
+}
+
+bool QuillfortAgentPromptServiceHost::requestsMayHaveChanged(const std::filesystem::path& requests) {
+    auto identity = fileManager_->fileIdentity(requests);
+    if (!identity) {
+        tickListedIdentity_.reset();
+        return true;  // the listing reports what is wrong
+    }
+    if (tickListedIdentity_ == *identity) {
+        if (tickListingsAtIdentity_ >= 2) return false;
+        ++tickListingsAtIdentity_;
+    } else {
+        tickListedIdentity_ = *identity;
+        tickListingsAtIdentity_ = 1;
+    }
+    return true;
 }
 
 void QuillfortAgentPromptServiceHost::schedulePoll() {
@@ -366,7 +406,13 @@ void QuillfortAgentPromptServiceHost::schedulePoll() {
         if (code) return;  // cancelled
         auto self = weak.lock();
         if (!self || !self->pollTimer_) return;
-        self->processPendingRequests();
+        // Idle, a tick costs one stat and one look for the command file.
+        const auto& requests = self->requestDirectoryURL();
+        if (requests && !self->requestsMayHaveChanged(*requests)) {
+            self->processPendingAutomationCommand();
+        } else {
+            self->processPendingRequests();
+        }
         if (!self->pollTimer_) return;
         // Ticks stay on the grid of the first one instead of drifting by the time
         // a poll takes; ticks missed while the queue was busy are not made up.
@@ -466,7 +512,8 @@ void QuillfortAgentPromptServiceHost::finishRequest(const Uuid& promptID, const 
         // Named after the prompt, not after the request file: that is the name
         // the client waits for.
         const auto responseURL = *responses / bridgeFileName(promptID);
-        auto written = fileManager_->writeFileAtomically(responseURL, encodeCompact(responseEnvelope));
+        // A hand-off read at once by the waiting client, not a record: no fsync.
+        auto written = fileManager_->replaceFileWithoutSync(responseURL, encodeCompact(responseEnvelope));
         if (written) written = QuillfortPromptEndpointStore::ensureAccessibleFile(responseURL, *fileManager_);
         if (!written) {
             logger_.error("Failed to write prompt bridge response for %{public}s: %{public}s",

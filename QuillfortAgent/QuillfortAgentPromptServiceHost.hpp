@@ -22,6 +22,7 @@
 #include "QuillfortAgent/AgentPromptSession.hpp"
 #include "QuillfortAgent/AgentStatusPublisher.hpp"
 #include "QuillfortAgent/BridgeQueue.hpp"
+#include "QuillfortAgent/DirectoryWatcher.hpp"
 #include "QuillfortAgent/LoopbackConnection.hpp"
 #include "QuillfortAgent/LoopbackListener.hpp"
 #include "QuillfortAgent/MainThreadExecutor.hpp"
@@ -129,6 +130,10 @@ private:
     void startPolling();
     void stopPolling();
     void schedulePoll();
+    void startWatchingDirectories();
+    // True when the poll tick must list the requests directory; see the
+    // fields it keeps below.
+    [[nodiscard]] bool requestsMayHaveChanged(const std::filesystem::path& requests);
     void processPendingRequests();
     void processRequest(const std::filesystem::path& url);
     void finishRequest(const QuillfortPromptBridgeRequestEnvelope& envelope, const std::filesystem::path& requestURL,
@@ -179,6 +184,13 @@ private:
     std::chrono::steady_clock::time_point nextPollAt_{};
     std::shared_ptr<LoopbackListener> loopbackListener_;
     std::set<std::filesystem::path> pendingRequestURLs_;
+    std::shared_ptr<DirectoryWatcher> directoryWatcher_;
+    // The requests directory as the poll tick last listed it, and how many tick
+    // listings in a row found it so. A directory's time stamp is coarse, so a
+    // file made just after one listing can leave it as it was; a second listing
+    // a tick later catches that file, and only then is the directory quiet.
+    std::optional<FileIdentity> tickListedIdentity_;
+    int tickListingsAtIdentity_ = 0;
     std::atomic<std::uint16_t> boundLoopbackPort_{0};
 
     // Main thread only.
