@@ -27,6 +27,19 @@ LocaleHandle openTimeLocale(const std::string& name) {
     return LocaleHandle(newlocale(LC_TIME_MASK, "C", locale_t{}));
 }
 
+// Opening a locale reads its data files, which cost more than the rest of an
+// automated answer; every answer is stamped, so the last one opened is kept
+// (per thread, as locale_t objects are not shared between threads here).
+locale_t timeLocale(const std::string& name) {
+    thread_local std::string openedName;
+    thread_local LocaleHandle opened;
+    if (!opened || openedName != name) {
+        opened = openTimeLocale(name);
+        openedName = name;
+    }
+    return opened.get();
+}
+
 }  // namespace
 
 std::string mediumTimePattern(std::string_view timeFormat, std::string_view amPmFormat) {
@@ -39,12 +52,11 @@ std::string mediumTimePattern(std::string_view timeFormat, std::string_view amPm
 }
 
 std::string format(const std::tm& localTime, const std::string& localeName) {
-    const LocaleHandle locale = openTimeLocale(localeName);
+    const locale_t locale = timeLocale(localeName);
     if (!locale) return {};
-    const std::string pattern =
-        mediumTimePattern(nl_langinfo_l(T_FMT, locale.get()), nl_langinfo_l(T_FMT_AMPM, locale.get()));
+    const std::string pattern = mediumTimePattern(nl_langinfo_l(T_FMT, locale), nl_langinfo_l(T_FMT_AMPM, locale));
     std::array<char, 128> buffer{};
-    const std::size_t length = strftime_l(buffer.data(), buffer.size(), pattern.c_str(), &localTime, locale.get());
+    const std::size_t length = strftime_l(buffer.data(), buffer.size(), pattern.c_str(), &localTime, locale);
     return std::string(buffer.data(), length);
 }
 
