@@ -3,6 +3,7 @@
 # Asks apt only for what is missing; runs apt as root or through sudo.
 #   scripts/setup.sh              build and test dependencies
 #   scripts/setup.sh --sanitizers also clang-16 for the asan/tsan/fuzz presets
+#   scripts/setup.sh --bench      also the profilers scripts/bench uses
 set -euo pipefail
 
 packages=(
@@ -15,6 +16,7 @@ packages=(
 for arg in "$@"; do
   case "$arg" in
     --sanitizers) packages+=(clang-16 libclang-rt-16-dev) ;;
+    --bench) packages+=(linux-perf valgrind) ;;
     *) echo "setup.sh: unknown option $arg" >&2; exit 2 ;;
   esac
 done
