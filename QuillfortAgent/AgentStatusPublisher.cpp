@@ -103,6 +103,11 @@ PromptAgentStatusSnapshot AgentStatusPublisher::snapshot() const {
     return assembleLocked();
 }
 
+std::string AgentStatusPublisher::statusText() const {
+    std::lock_guard lock(lock_);
+    return status_.statusText;
+}
+
 PromptAgentStatusSnapshot AgentStatusPublisher::assembleLocked() const {
     PromptAgentStatusSnapshot snapshot = status_;
     snapshot.queuedPrompts.reserve(queue_.size());

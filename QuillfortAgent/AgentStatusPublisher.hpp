@@ -53,6 +53,7 @@ public:
     std::string publishPresentation(const std::vector<AgentPromptSession>& sessions, bool promptWindowVisible);
 
     [[nodiscard]] PromptAgentStatusSnapshot snapshot() const;
+    [[nodiscard]] std::string statusText() const;
 
     // Ends the writer thread; with `flushPending`, a change not yet on disk is
     // written first. Nothing is written afterwards. Idempotent.

@@ -279,9 +279,18 @@ PromptAgentStatusSnapshot QuillfortAgentPromptServiceHost::initialStatus() const
 }
 
 void QuillfortAgentPromptServiceHost::publishStatus(const StatusMutation& mutation) {
-    auto text = statusPublisher_->publish(mutation);
-    onMainThread([text = std::move(text)](QuillfortAgentPromptServiceHost& self) {
-        self.coordinator_->updateListenerStatus(text);
+    (void)statusPublisher_->publish(mutation);
+    updateCoordinatorListenerStatus();
+}
+
+// Every publication re-sends the status text, but a burst of them (three per
+// automated prompt) needs one hop to the main thread: the task reads the text
+// when it runs, so the coordinator always ends with the newest.
+void QuillfortAgentPromptServiceHost::updateCoordinatorListenerStatus() {
+    if (listenerStatusUpdatePosted_.exchange(true)) return;
+    onMainThread([](QuillfortAgentPromptServiceHost& self) {
+        self.listenerStatusUpdatePosted_ = false;  // before reading: a later change posts again
+        self.coordinator_->updateListenerStatus(self.statusPublisher_->statusText());
     });
 }
 
@@ -294,11 +303,9 @@ void QuillfortAgentPromptServiceHost::recordPromptResolved() {
 }
 
 void QuillfortAgentPromptServiceHost::publishPromptPresentationState() {
-    auto text = statusPublisher_->publishPresentation(coordinator_->activePrompts().value(),
-                                                      coordinator_->promptWindowVisible().value());
-    onMainThread([text = std::move(text)](QuillfortAgentPromptServiceHost& self) {
-        self.coordinator_->updateListenerStatus(text);
-    });
+    (void)statusPublisher_->publishPresentation(coordinator_->activePrompts().value(),
+                                                coordinator_->promptWindowVisible().value());
+    updateCoordinatorListenerStatus();
 }
 
 PromptAgentQueuedPromptSnapshot QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(

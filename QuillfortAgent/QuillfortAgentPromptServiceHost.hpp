@@ -115,6 +115,7 @@ private:
 
     // Status.
     void publishStatus(const StatusMutation& mutation);
+    void updateCoordinatorListenerStatus();
     void recordPromptReceived();
     void recordPromptResolved();
     void publishPromptPresentationState();
@@ -178,6 +179,9 @@ private:
     // The status in memory and its file; publishing is safe from any thread and
     // the file is written on the publisher's own thread.
     std::unique_ptr<AgentStatusPublisher> statusPublisher_;
+    // Set while a task that hands the newest status text to the coordinator
+    // waits on the main thread; any thread.
+    std::atomic<bool> listenerStatusUpdatePosted_{false};
 
     // Bridge queue only.
     std::unique_ptr<boost::asio::steady_timer> pollTimer_;
