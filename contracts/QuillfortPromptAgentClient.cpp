@@ -173,6 +173,9 @@ public:
         });
     }
 
+    // For a caller that gave up before the request was written: nothing is sent.
+    void abandon() { completion_(std::unexpected(ClientError::transportFailure(std::string(Messages::timedOut)))); }
+
 private:
     template <class Step>
     void guarded(Step step) {
@@ -354,14 +357,19 @@ QuillfortPromptAgentClientResult QuillfortPromptAgentClient::submitSync(const Fl
             box->signal.notify_all();
         });
         const auto deadline = std::chrono::steady_clock::now() + durationFromSeconds(timeoutSeconds);
+        auto givenUp = std::make_shared<std::atomic<bool>>(false);
         try {
-            submit(request, timeoutSeconds, once);
+            submit(request, timeoutSeconds, once, givenUp);
         } catch (...) {
             once(std::unexpected(failureFromException(std::current_exception())));
         }
         std::unique_lock guard(box->lock);
-        if (!box->signal.wait_until(guard, deadline, [&box] { return box->signalled; }))
+        if (!box->signal.wait_until(guard, deadline, [&box] { return box->signalled; })) {
+            // Nobody waits for the answer any more: a prompt still queued for a
+            // worker must not reach the user.
+            *givenUp = true;
             return std::unexpected(ClientError::transportFailure(std::string(Messages::timedOut)));
+        }
         if (box->storage) return std::move(*box->storage);
         return std::unexpected(ClientError::missingResponse());
     } catch (...) {
@@ -370,17 +378,17 @@ QuillfortPromptAgentClientResult QuillfortPromptAgentClient::submitSync(const Fl
 }
 
 void QuillfortPromptAgentClient::submit(const FlowPromptRequest& request, std::optional<double> timeout,
-                                        Completion completion) const {
+                                        Completion completion, GivenUp givenUp) const {
     // A manifest that cannot be read counts as none: the loopback may still work.
     std::optional<QuillfortPromptListenerRecord> record;
     if (auto loaded = QuillfortPromptEndpointStore::load(*fileManager_, homeDirectoryURL_)) record = *loaded;
 
     if (record) {
         if (hasUsableLoopbackEndpoint()) {
-            completion = [client = *this, request, timeout, completion](ClientResult result) {
+            completion = [client = *this, request, timeout, completion, givenUp](ClientResult result) {
                 if (!result && shouldFallBackToLoopback(result.error())) {
                     client.submitUsingLoopbackTCP(request, *client.preferredLoopbackHost_,
-                                                  *client.preferredLoopbackPort_, timeout, completion);
+                                                  *client.preferredLoopbackPort_, timeout, completion, givenUp);
                     return;
                 }
                 completion(std::move(result));
@@ -389,12 +397,12 @@ void QuillfortPromptAgentClient::submit(const FlowPromptRequest& request, std::o
         if (record->transport == QuillfortPromptBridgeTransportKind::machServiceXPC)
             submitUsingMachService(request, *record, std::move(completion));
         else
-            submitUsingFileBridge(request, *record, timeout, std::move(completion));
+            submitUsingFileBridge(request, *record, timeout, std::move(completion), givenUp);
         return;
     }
     if (hasUsableLoopbackEndpoint()) {
         submitUsingLoopbackTCP(request, *preferredLoopbackHost_, *preferredLoopbackPort_, timeout,
-                               std::move(completion));
+                               std::move(completion), std::move(givenUp));
         return;
     }
     completion(std::unexpected(ClientError::missingEndpoint()));
@@ -402,7 +410,8 @@ void QuillfortPromptAgentClient::submit(const FlowPromptRequest& request, std::o
 
 void QuillfortPromptAgentClient::submitUsingFileBridge(const FlowPromptRequest& request,
                                                        const QuillfortPromptListenerRecord& record,
-                                                       std::optional<double> timeout, Completion completion) const {
+                                                       std::optional<double> timeout, Completion completion,
+                                                       GivenUp givenUp) const {
     auto requestsDirectory = record.requestsDirectoryURL();
     auto responsesDirectory = record.responsesDirectoryURL();
     if (!requestsDirectory || !responsesDirectory) {
@@ -417,7 +426,10 @@ void QuillfortPromptAgentClient::submitUsingFileBridge(const FlowPromptRequest& 
     auto exchange = std::make_shared<FileBridgeExchange>(fileManager_, std::move(*requestsDirectory),
                                                          std::move(*responsesDirectory), bridgeFileName(request.id),
                                                          std::move(*payload), timeout, std::move(completion));
-    boost::asio::post(workerPool(), [exchange] { exchange->start(); });
+    boost::asio::post(workerPool(), [exchange, givenUp = std::move(givenUp)] {
+        if (givenUp && *givenUp) return exchange->abandon();
+        exchange->start();
+    });
 }
 
 void QuillfortPromptAgentClient::submitUsingMachService(const FlowPromptRequest& request,
@@ -440,14 +452,18 @@ void QuillfortPromptAgentClient::submitUsingMachService(const FlowPromptRequest&
 
 void QuillfortPromptAgentClient::submitUsingLoopbackTCP(const FlowPromptRequest& request, const std::string& host,
                                                         std::uint16_t port, std::optional<double> timeout,
-                                                        Completion completion) const {
+                                                        Completion completion, GivenUp givenUp) const {
     auto payload = encodedRequestEnvelope(request, *clock_);
     if (!payload) {
         completion(std::unexpected(ClientError::invalidRequestEncoding()));
         return;
     }
     boost::asio::post(workerPool(), [payload = std::move(*payload), host, port, timeout,
-                                     completion = std::move(completion)] {
+                                     completion = std::move(completion), givenUp = std::move(givenUp)] {
+        if (givenUp && *givenUp) {
+            completion(failure(ClientError::transportFailure(std::string(Messages::timedOut))));
+            return;
+        }
         ClientResult result = failure(ClientError::missingResponse());
         try {
             result = exchangeOverLoopback(payload, host, port, timeout);

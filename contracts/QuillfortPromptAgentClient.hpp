@@ -6,6 +6,7 @@
 
 #include <sys/time.h>
 
+#include <atomic>
 #include <cstdint>
 #include <expected>
 #include <filesystem>
@@ -131,13 +132,17 @@ public:
         std::size_t byteCount, int socket);
 
 private:
-    void submit(const FlowPromptRequest& request, std::optional<double> timeout, Completion completion) const;
+    // Set by submitSync when its caller stops waiting; work not yet sent by then never is.
+    using GivenUp = std::shared_ptr<const std::atomic<bool>>;
+
+    void submit(const FlowPromptRequest& request, std::optional<double> timeout, Completion completion,
+                GivenUp givenUp = {}) const;
     void submitUsingFileBridge(const FlowPromptRequest& request, const QuillfortPromptListenerRecord& record,
-                               std::optional<double> timeout, Completion completion) const;
+                               std::optional<double> timeout, Completion completion, GivenUp givenUp) const;
     void submitUsingMachService(const FlowPromptRequest& request, const QuillfortPromptListenerRecord& record,
                                 Completion completion) const;
     void submitUsingLoopbackTCP(const FlowPromptRequest& request, const std::string& host, std::uint16_t port,
-                                std::optional<double> timeout, Completion completion) const;
+                                std::optional<double> timeout, Completion completion, GivenUp givenUp = {}) const;
 
     std::shared_ptr<FileSystem> fileManager_;
     std::optional<std::filesystem::path> homeDirectoryURL_;

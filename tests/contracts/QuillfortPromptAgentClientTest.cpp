@@ -381,5 +381,43 @@ TEST(QuillfortPromptAgentClient, PosixErrorDescriptionFallsBackToTheNumber) {
               "Failed to connect. errno=99999");
 }
 
+// Four prompts held by an agent that never answers occupy the client's
+// workers; a fifth whose caller gives up meanwhile must never reach the agent,
+// or the user would be asked about a flow nobody waits for.
+TEST(ClientGivingUp, APromptWhoseCallerGaveUpIsNeverSent) {
+    // Never answers: connections are accepted and left waiting.
+    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
+    ASSERT_EQ(::listen(listener, 16), 0);
+    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    std::vector<int> accepted;
+    const auto acceptWaiting = [&](int waitMillis) {
+        pollfd waiting{listener, POLLIN, 0};
+        while (::poll(&waiting, 1, waitMillis) > 0) accepted.push_back(::accept4(listener, nullptr, nullptr, 0));
+    };
+
+    TemporaryDirectory home;
+    const QuillfortPromptAgentClient client(nullptr, home.path(), "127.0.0.1", ntohs(address.sin_port));
+    std::vector<std::thread> held;
+    for (int i = 0; i < 4; ++i) held.emplace_back([&client] { (void)client.submitSync(sampleRequest(), 2.0); });
+    ASSERT_TRUE(eventually([&] {
+        acceptWaiting(0);
+        return accepted.size() == 4;
+    }));
+
+    const auto late = client.submitSync(sampleRequest(), 0.2);
+    ASSERT_FALSE(late);
+    EXPECT_EQ(late.error(), ClientError::transportFailure(std::string(Messages::timedOut)));
+    for (auto& thread : held) thread.join();  // their time-outs free the workers for the fifth
+    acceptWaiting(500);
+    EXPECT_EQ(accepted.size(), 4U);
+    for (const int fd : accepted) ::close(fd);
+    ::close(listener);
+}
+
 }  // namespace
 }  // namespace quillfort
