@@ -298,6 +298,10 @@ private:
             }
             std::this_thread::sleep_for(200us);
         }
+        // The destructor does not run for a constructor that throws.
+        ::kill(pid_, SIGTERM);
+        ::waitpid(pid_, nullptr, 0);
+        pid_ = -1;
         throw std::runtime_error("the agent did not get ready; see " + (home_ / "agent.log").string());
     }
 
