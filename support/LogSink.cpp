@@ -28,9 +28,10 @@ std::string StderrLogSink::formatLine(const LogRecord& record) {
     }
     std::tm local{};
     localtime_r(&wholeSeconds, &local);
-    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} {} [{}] {}", local.tm_year + 1900,
+    return fmt::format("{:04}-{:02}-{:02} {:02}:{:02}:{:02}.{:03} {} [{}:{}] {}", local.tm_year + 1900,
                        local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                       millis, logLevelName(record.level), record.category, record.message);
+                       millis, logLevelName(record.level), record.subsystem, record.category,
+                       record.message);
 }
 
 void StderrLogSink::write(const LogRecord& record) noexcept {

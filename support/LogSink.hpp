@@ -36,8 +36,9 @@ public:
     virtual void write(const LogRecord& record) noexcept = 0;
 };
 
-// One line per record on standard error:
-// "2026-11-22 22:31:05.123 default [agent] Queued prompt ..." (local time).
+// One line per record on standard error, carrying subsystem and category like
+// the journal fields do:
+// "2026-11-22 22:31:05.123 default [com.vessimo.Quillfort:agent] Queued prompt ..." (local time).
 class StderrLogSink final : public LogSink {
 public:
     void write(const LogRecord& record) noexcept override;
@@ -47,7 +48,8 @@ public:
 };
 
 // The systemd journal, with the subsystem and category as fields of their own
-// so that `journalctl QUILLFORT_CATEGORY=agent` selects one component. A
+// so that `journalctl --user -u quillfort-agent QUILLFORT_CATEGORY=agent`
+// selects one component. A
 // record the journal refuses goes to stderr instead.
 class JournalLogSink final : public LogSink {
 public:

@@ -22,13 +22,15 @@ std::chrono::system_clock::time_point localTime(int year, int month, int day, in
     return std::chrono::system_clock::from_time_t(std::mktime(&tm)) + std::chrono::milliseconds(millis);
 }
 
-TEST(StderrLogSink, LineHasLocalTimeLevelCategoryAndMessage) {
+TEST(StderrLogSink, LineHasLocalTimeLevelSubsystemCategoryAndMessage) {
     LogRecord record{localTime(2026, 11, 22, 22, 31, 5, 7), "com.vessimo.Quillfort", "agent",
                      LogLevel::defaultLevel, "Queued prompt A for b."};
-    EXPECT_EQ(StderrLogSink::formatLine(record), "2026-11-22 22:31:05.007 default [agent] Queued prompt A for b.");
+    EXPECT_EQ(StderrLogSink::formatLine(record), "2026-11-22 22:31:05.007 default [com.vessimo.Quillfort:agent] Queued prompt A for b.");
     record.level = LogLevel::error;
+    record.subsystem = "com.example.Other";
     record.category = "ipc";
-    EXPECT_EQ(StderrLogSink::formatLine(record), "2026-11-22 22:31:05.007 error [ipc] Queued prompt A for b.");
+    EXPECT_EQ(StderrLogSink::formatLine(record),
+              "2026-11-22 22:31:05.007 error [com.example.Other:ipc] Queued prompt A for b.");
 }
 
 TEST(DefaultLogSink, PicksJournalOnlyUnderJournalOrWhenAsked) {
