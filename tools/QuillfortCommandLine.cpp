@@ -229,6 +229,19 @@ int runAnswer(const Options& options, const Environment& environment, std::ostre
     return exitSuccess;
 }
 
+// --- login-item ---------------------------------------------------------------------
+
+int runLoginItem(const std::string& action, const Environment& environment, std::ostream& out, std::ostream& err) {
+    FileSystem& fileSystem = *environment.fileSystem;
+    auto locations = LoginItem::autostartLocations(environment.variables, fileSystem.currentHomeDirectory());
+    if (!locations) return failure(err, "cannot tell where your autostart folder is: no home directory is known");
+    const LoginItem::Context context{fileSystem, environment.userServices.get(), std::move(*locations)};
+    auto state = action == "status" ? LoginItem::status(context) : LoginItem::setEnabled(context, action == "enable");
+    if (!state) return failure(err, state.error());
+    out << LoginItem::describe(*state);
+    return exitSuccess;
+}
+
 // --- the command line -------------------------------------------------------------------
 
 void addHomeOption(CLI::App& command, Options& options) {
@@ -314,7 +327,7 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
         std::ostream& err) {
     try {
         CLI::App app{"Talks to the Quillfort prompt agent: submit a prompt, show the agent's status and the shared "
-                     "rules, answer a queued prompt.",
+                     "rules, answer a queued prompt, switch its start at login.",
                      "quillfort"};
         app.require_subcommand(1);
         Options options;
@@ -382,6 +395,13 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
             ->required();
         answerCommand->add_option("PRESET", options.preset, "One of: " + presetList())->required();
 
+        std::string loginItemAction;
+        auto* loginItemCommand = app.add_subcommand(
+            "login-item", "Switch the agent's start at login on or off for you, or show which way it starts.");
+        loginItemCommand->add_option("ACTION", loginItemAction, "enable, disable or status")
+            ->check(CLI::IsMember({"enable", "disable", "status"}))
+            ->required();
+
         try {
             std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
             app.parse(reversed);
@@ -409,6 +429,7 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
         if (statusCommand->parsed()) return runStatus(options, environment, out, err);
         if (rulesCommand->parsed()) return runRules(options, environment, out, err);
         if (answerCommand->parsed()) return runAnswer(options, environment, out, err);
+        if (loginItemCommand->parsed()) return runLoginItem(loginItemAction, environment, out, err);
         return failure(err, "no command given", exitUsage);
     } catch (const std::exception& error) {
         return failure(err, error.what());

@@ -1,11 +1,13 @@
 // The `quillfort` command-line tool: submit a prompt to the running agent, show
-// its status and the shared rules, and answer a queued prompt. `main` only
+// its status and the shared rules, answer a queued prompt, and switch the
+// agent's start at login. `main` only
 // builds the environment; everything else is here so tests can run it in-process.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
 #include <expected>
+#include <map>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -18,6 +20,7 @@
 #include "model/Uuid.hpp"
 #include "platform/Clock.hpp"
 #include "platform/FileSystem.hpp"
+#include "tools/LoginItem.hpp"
 #include "tools/ProcessLineage.hpp"
 
 namespace quillfort::QuillfortCommandLine {
@@ -34,6 +37,10 @@ struct Environment {
     // How long `answer` waits for the agent to take its command file (and for an
     // earlier command to be taken before it writes its own).
     std::chrono::milliseconds commandPickupLimit{5000};
+    // What `login-item` reads: the process environment (XDG_CONFIG_HOME,
+    // XDG_CONFIG_DIRS) and the systemd user manager (null: none runs).
+    std::map<std::string, std::string> variables{};
+    std::shared_ptr<LoginItem::UserServiceManager> userServices{};
 };
 
 // Runs one invocation; `arguments` leaves out the program name.

@@ -1,0 +1,142 @@
+#include "tools/LoginItem.hpp"
+
+#include <fstream>
+
+#include <gtest/gtest.h>
+
+#include "tests/testsupport/FakeFileSystem.hpp"
+#include "tests/testsupport/TemporaryDirectory.hpp"
+
+namespace quillfort {
+namespace {
+
+// A user manager that remembers what it was told instead of asking systemd.
+class FakeUserServices final : public LoginItem::UserServiceManager {
+public:
+    explicit FakeUserServices(std::optional<std::string> state) : state_(std::move(state)) {}
+    std::optional<std::string> unitFileState(std::string_view) override { return state_; }
+    std::expected<void, std::string> setUnitEnabled(std::string_view, bool enabled) override {
+        ++changes;
+        state_ = enabled ? "enabled" : "disabled";
+        return {};
+    }
+    int changes = 0;
+
+private:
+    std::optional<std::string> state_;
+};
+
+enum class UserFile { absent, hidden, starts };
+
+TEST(LoginItem, EntryTextThatStopsTheProgram) {
+    const std::pair<std::string_view, bool> cases[] = {
+        {"[Desktop Entry]\nExec=quillfort-agent\n", true},
+        {"[Desktop Entry]\nHidden=true\n", false},
+        {"[Desktop Entry]\n  Hidden = true  \n", false},
+        {"[Desktop Entry]\nHidden=false\n", true},
+        {"[Desktop Entry]\nX-GNOME-Autostart-enabled=false\n", false},
+        {"# Hidden=true\n[Desktop Entry]\nExec=x\n", true},
+        {"[Desktop Entry]\nExec=x\n[Desktop Action Quit]\nHidden=true\n", true},
+    };
+    for (const auto& [text, starts] : cases)
+        EXPECT_EQ(LoginItem::autostartEntryStartsProgram(text), starts) << text;
+}
+
+TEST(LoginItem, LocationsFollowXdgVariablesAndIgnoreRelativeOnes) {
+    const std::filesystem::path home = "/home/ada";
+    auto locations = LoginItem::autostartLocations({{"XDG_CONFIG_HOME", "relative"}}, home);
+    ASSERT_TRUE(locations);
+    EXPECT_EQ(locations->userDirectory, home / ".config/autostart");
+    EXPECT_EQ(locations->systemDirectories, std::vector<std::filesystem::path>{"/etc/xdg/autostart"});
+
+    locations = LoginItem::autostartLocations(
+        {{"XDG_CONFIG_HOME", "/cfg"}, {"XDG_CONFIG_DIRS", "/opt/xdg:rel::/etc/xdg"}}, std::nullopt);
+    ASSERT_TRUE(locations);
+    EXPECT_EQ(locations->userDirectory, "/cfg/autostart");
+    EXPECT_EQ(locations->systemDirectories,
+              (std::vector<std::filesystem::path>{"/opt/xdg/autostart", "/etc/xdg/autostart"}));
+
+    EXPECT_FALSE(LoginItem::autostartLocations({}, std::nullopt));
+}
+
+TEST(LoginItem, SwitchesTheMechanismInForceAndOnlyTheUsersAutostartCopy) {
+    struct Case {
+        std::string name;
+        std::optional<std::string> unitState;  // nothing: no user manager knows the unit
+        bool systemEntry;
+        UserFile userFileBefore;
+        bool enable;
+        UserFile userFileAfter;
+        int unitChanges;
+        bool enabledAfter;
+    };
+    const Case cases[] = {
+        {"autostart off hides the system entry", std::nullopt, true, UserFile::absent, false, UserFile::hidden, 0,
+         false},
+        {"autostart on removes the user's hiding copy", std::nullopt, true, UserFile::hidden, true, UserFile::absent,
+         0, true},
+        {"autostart on without a system entry writes one for the user", std::nullopt, false, UserFile::absent, true,
+         UserFile::starts, 0, true},
+        {"nothing installed and off writes nothing", std::nullopt, false, UserFile::absent, false, UserFile::absent,
+         0, false},
+        {"already on changes nothing", std::nullopt, true, UserFile::absent, true, UserFile::absent, 0, true},
+        {"unit on hides the autostart entry", "disabled", true, UserFile::absent, true, UserFile::hidden, 1, true},
+        {"unit off hides the autostart entry too", "enabled", true, UserFile::absent, false, UserFile::hidden, 1,
+         false},
+        {"masked unit stays as it is when switching off", "masked", false, UserFile::absent, false,
+         UserFile::absent, 0, false},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        testing::TemporaryDirectory root;
+        testing::FakeFileSystem fileSystem(root.path() / "home");
+        const LoginItem::AutostartLocations locations{root.path() / "home/autostart", {root.path() / "etc/autostart"}};
+        const auto userPath = locations.userDirectory / LoginItem::autostartEntryName;
+        const auto write = [](const std::filesystem::path& path, std::string_view text) {
+            std::filesystem::create_directories(path.parent_path());
+            std::ofstream(path) << text;
+        };
+        if (c.systemEntry)
+            write(locations.systemDirectories.front() / LoginItem::autostartEntryName,
+                  "[Desktop Entry]\nExec=quillfort-agent\n");
+        if (c.userFileBefore == UserFile::hidden) write(userPath, "[Desktop Entry]\nHidden=true\n");
+
+        FakeUserServices services(c.unitState);
+        const LoginItem::Context context{fileSystem, c.unitState ? &services : nullptr, locations};
+        auto state = LoginItem::setEnabled(context, c.enable);
+        ASSERT_TRUE(state) << state.error();
+        EXPECT_EQ(state->enabled(), c.enabledAfter);
+        EXPECT_EQ(services.changes, c.unitChanges);
+
+        auto userText = fileSystem.readFile(userPath);
+        const auto after = !userText ? UserFile::absent
+                           : LoginItem::autostartEntryStartsProgram(*userText) ? UserFile::starts
+                                                                               : UserFile::hidden;
+        EXPECT_EQ(after, c.userFileAfter);
+        // Nothing else of the user's is written.
+        std::vector<std::filesystem::path> userFiles;
+        if (std::filesystem::exists(root.path() / "home"))
+            for (const auto& entry : std::filesystem::recursive_directory_iterator(root.path() / "home"))
+                if (entry.is_regular_file()) userFiles.push_back(entry.path());
+        EXPECT_EQ(userFiles, after == UserFile::absent ? std::vector<std::filesystem::path>{}
+                                                       : std::vector<std::filesystem::path>{userPath});
+        // What status reads back is what the switch reported.
+        EXPECT_EQ(LoginItem::status(context), state);
+    }
+}
+
+TEST(LoginItem, DescriptionNamesTheMechanismInForce) {
+    LoginItem::State state{"enabled", "/etc/xdg/autostart/quillfort-agent.desktop", false};
+    EXPECT_EQ(LoginItem::describe(state),
+              "The Quillfort agent starts at login through the systemd user unit quillfort-agent.service.\n");
+    state = {std::nullopt, "/etc/xdg/autostart/quillfort-agent.desktop", true};
+    EXPECT_EQ(LoginItem::describe(state), "The Quillfort agent starts at login through the autostart entry "
+                                          "/etc/xdg/autostart/quillfort-agent.desktop.\n");
+    state = {"disabled", "/h/.config/autostart/quillfort-agent.desktop", false};
+    EXPECT_EQ(LoginItem::describe(state),
+              "The Quillfort agent does not start at login: the systemd user unit quillfort-agent.service is "
+              "disabled; the autostart entry /h/.config/autostart/quillfort-agent.desktop is switched off.\n");
+}
+
+}  // namespace
+}  // namespace quillfort
