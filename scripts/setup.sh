@@ -12,6 +12,7 @@ packages=(
   libfmt-dev libsystemd-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-base-dev libxcb1-dev fonts-dejavu-core xvfb xdotool imagemagick
+  dpkg-dev file man-db desktop-file-utils
 )
 for arg in "$@"; do
   case "$arg" in

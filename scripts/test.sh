@@ -6,3 +6,5 @@ scripts/setup.sh
 cmake --preset default >/dev/null
 cmake --build --preset default
 ctest --preset default "$@"
+# The Debian package installs, answers a prompt and removes cleanly (root or sudo).
+scripts/package-check.sh
