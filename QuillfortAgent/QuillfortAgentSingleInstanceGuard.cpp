@@ -34,11 +34,13 @@ QuillfortAgentSingleInstanceGuard::QuillfortAgentSingleInstanceGuard(
         shouldActivateCurrentInstance_ = false;
         return;
     }
-    if (::ftruncate(descriptor, 0) == 0) {
-        const std::string content = std::to_string(processIdentifier) + "\n";
-        // Only informative for people looking at the file; a short write changes nothing.
-        [[maybe_unused]] const auto written = ::pwrite(descriptor, content.data(), content.size(), 0);
-    }
+    // Truncate, then write, each whatever the other did: the identifier is only
+    // informative for people looking at the file, and a lock file that cannot be
+    // truncated (a FIFO, a device) still gets it. The descriptor was just opened,
+    // so its offset is 0; pwrite would fail on anything that cannot seek.
+    (void)::ftruncate(descriptor, 0);
+    const std::string content = std::to_string(processIdentifier) + "\n";
+    [[maybe_unused]] const auto written = ::write(descriptor, content.data(), content.size());
 }
 
 QuillfortAgentSingleInstanceGuard::~QuillfortAgentSingleInstanceGuard() {

@@ -1,6 +1,8 @@
 #include "QuillfortAgent/QuillfortAgentSingleInstanceGuard.hpp"
 
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <sstream>
@@ -73,6 +75,23 @@ TEST(SingleInstanceGuard, StaleIdentifierIsReplacedOnceTheLockIsFree) {
     const QuillfortAgentSingleInstanceGuard later(setup.fileSystem, std::nullopt, 42);
     EXPECT_TRUE(later.shouldActivateCurrentInstance());
     EXPECT_EQ(contentOf(setup.lockFile), "42\n");
+}
+
+// A lock file that cannot be truncated still gets the identifier: the guard
+// truncates, then writes, whatever the truncation did.
+TEST(SingleInstanceGuard, IdentifierIsWrittenWhenTruncationFails) {
+    GuardHome setup;
+    std::filesystem::create_directories(setup.lockFile.parent_path());
+    ASSERT_EQ(::mkfifo(setup.lockFile.c_str(), 0644), 0);
+
+    const QuillfortAgentSingleInstanceGuard guard(setup.fileSystem, std::nullopt, 4711);
+    ASSERT_TRUE(guard.shouldActivateCurrentInstance());
+    const int reader = ::open(setup.lockFile.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(reader, 0);
+    char buffer[16] = {};
+    const auto count = ::read(reader, buffer, sizeof buffer);
+    ::close(reader);
+    EXPECT_EQ(std::string(buffer, count > 0 ? static_cast<std::size_t>(count) : 0), "4711\n");
 }
 
 TEST(SingleInstanceGuard, WithoutContainerTheLockLivesInTheTemporaryDirectory) {
