@@ -9,6 +9,8 @@
 #include <boost/json/serialize.hpp>
 #include <fmt/format.h>
 
+#include "model/Text.hpp"
+
 namespace quillfort {
 
 std::string JsonError::description() const { return path.empty() ? reason : path + ": " + reason; }
@@ -85,6 +87,13 @@ namespace {
 bool needsEscape(char c) noexcept { return c == '"' || c == '\\' || static_cast<unsigned char>(c) < 0x20; }
 
 void appendEscaped(std::string& out, std::string_view text) {
+    // JSON is UTF-8 only, and every reader of ours refuses anything else: bytes
+    // that are not UTF-8 leave as U+FFFD rather than as a document nobody reads.
+    if (!text::isValidUtf8(text)) {
+        const std::string repaired = text::validUtf8(text);
+        appendEscaped(out, repaired);
+        return;
+    }
     out.push_back('"');
     std::size_t runStart = 0;
     for (std::size_t i = 0; i < text.size(); ++i) {

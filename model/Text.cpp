@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstddef>
 
 namespace quillfort::text {
 namespace {
@@ -125,6 +126,67 @@ std::string_view lastPathComponent(std::string_view path) noexcept {
     auto slash = path.rfind('/');
     if (slash == std::string_view::npos || path.size() == 1) return path;
     return path.substr(slash + 1);
+}
+
+namespace {
+
+// The length of the well-formed sequence at the start of `bytes`, or, negated,
+// the length of its maximal ill-formed subpart (at least 1).
+std::ptrdiff_t utf8SequenceAt(std::string_view bytes) noexcept {
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(bytes[i]); };
+    const unsigned char lead = byte(0);
+    if (lead < 0x80) return 1;
+    std::size_t length = 0;
+    unsigned char low = 0x80, high = 0xBF;  // allowed range of the second byte
+    if (lead >= 0xC2 && lead <= 0xDF) {
+        length = 2;
+    } else if (lead >= 0xE0 && lead <= 0xEF) {
+        length = 3;
+        if (lead == 0xE0) low = 0xA0;   // overlong
+        if (lead == 0xED) high = 0x9F;  // surrogates
+    } else if (lead >= 0xF0 && lead <= 0xF4) {
+        length = 4;
+        if (lead == 0xF0) low = 0x90;   // overlong
+        if (lead == 0xF4) high = 0x8F;  // above U+10FFFF
+    } else {
+        return -1;
+    }
+    for (std::size_t i = 1; i < length; ++i) {
+        if (i >= bytes.size()) return -static_cast<std::ptrdiff_t>(i);
+        const unsigned char next = byte(i);
+        const bool fits = i == 1 ? (next >= low && next <= high) : (next >= 0x80 && next <= 0xBF);
+        if (!fits) return -static_cast<std::ptrdiff_t>(i);
+    }
+    return static_cast<std::ptrdiff_t>(length);
+}
+
+}  // namespace
+
+bool isValidUtf8(std::string_view bytes) noexcept {
+    while (!bytes.empty()) {
+        const auto length = utf8SequenceAt(bytes);
+        if (length < 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(length));
+    }
+    return true;
+}
+
+std::string validUtf8(std::string_view bytes) {
+    if (isValidUtf8(bytes)) return std::string(bytes);
+    static constexpr std::string_view replacement = "\xEF\xBF\xBD";
+    std::string out;
+    out.reserve(bytes.size() + 8);
+    while (!bytes.empty()) {
+        const auto length = utf8SequenceAt(bytes);
+        if (length > 0) {
+            out.append(bytes.substr(0, static_cast<std::size_t>(length)));
+            bytes.remove_prefix(static_cast<std::size_t>(length));
+        } else {
+            out.append(replacement);
+            bytes.remove_prefix(static_cast<std::size_t>(-length));
+        }
+    }
+    return out;
 }
 
 }  // namespace quillfort::text

@@ -41,4 +41,14 @@ namespace quillfort::text {
 // The last path component ("curl" for /usr/bin/curl); the text itself when it has no "/".
 [[nodiscard]] std::string_view lastPathComponent(std::string_view path) noexcept;
 
+// Whether `bytes` is well-formed UTF-8 (no overlong forms, surrogates or code
+// points above U+10FFFF).
+[[nodiscard]] bool isValidUtf8(std::string_view bytes) noexcept;
+
+// `bytes` with every ill-formed UTF-8 sequence replaced by U+FFFD, one for each
+// maximal ill-formed subpart (the usual Unicode practice); valid text comes back
+// unchanged. For bytes from outside (another process's arguments, paths) that
+// must travel in JSON, which is UTF-8 only.
+[[nodiscard]] std::string validUtf8(std::string_view bytes);
+
 }  // namespace quillfort::text

@@ -33,7 +33,8 @@ std::optional<std::string> readLink(const std::filesystem::path& path) {
     std::error_code error;
     auto target = std::filesystem::read_symlink(path, error);
     if (error || target.empty()) return std::nullopt;
-    return target.string();
+    // A path is any bytes but NUL; what we send must be UTF-8.
+    return text::validUtf8(target.string());
 }
 
 std::optional<std::uint64_t> parseUnsigned(std::string_view text) {
@@ -63,7 +64,7 @@ std::optional<StatFields> parseStat(std::string_view stat) {
     const auto close = stat.rfind(')');
     if (open == std::string_view::npos || close == std::string_view::npos || close < open) return std::nullopt;
     StatFields fields;
-    fields.comm = std::string(stat.substr(open + 1, close - open - 1));
+    fields.comm = text::validUtf8(stat.substr(open + 1, close - open - 1));
     const auto rest = text::splitNonEmpty(stat.substr(close + 1), ' ');
     // rest[0] is the state; ppid, tty_nr and starttime follow at fixed places.
     constexpr std::size_t ppidIndex = 1, ttyIndex = 4, startTimeIndex = 19;
@@ -112,7 +113,8 @@ std::vector<std::string> commandLine(const std::filesystem::path& cmdlineFile) {
     // Arguments end with a NUL each; a last one without it is kept as well.
     while (!rest.empty()) {
         const auto end = rest.find('\0');
-        argv.emplace_back(rest.substr(0, end));
+        // Arguments are whatever bytes the process was given; the agent reads UTF-8 only.
+        argv.push_back(text::validUtf8(rest.substr(0, end)));
         if (end == std::string_view::npos) break;
         rest.remove_prefix(end + 1);
     }

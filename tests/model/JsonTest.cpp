@@ -68,6 +68,8 @@ TEST(JsonWriter, WritesScalarsInTheirShortestForm) {
         {json::value("quote\" backslash\\ tab\t nl\n ctl\x01 slash/ ü"),
          R"("quote\" backslash\\ tab\t nl\n ctl\u0001 slash/ ü")"},
         {json::value("\b\f\r\x1f"), R"("\b\f\r\u001f")"},
+        // Bytes that are not UTF-8 (from /proc, say) leave as U+FFFD, never as they came.
+        {json::value("arg\xff-\xE2\x82"), "\"arg\uFFFD-\uFFFD\""},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(serializeCompact(c.value), c.text);

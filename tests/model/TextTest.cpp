@@ -31,6 +31,28 @@ TEST(Text, TrimmedRemovesAsciiAndUnicodeBlanks) {
     for (const auto& c : cases) EXPECT_EQ(text::trimmed(c.text), c.expected) << c.text;
 }
 
+TEST(Text, ValidUtf8ReplacesEachIllFormedSubpart) {
+    struct Case {
+        std::string_view bytes, expected;
+    };
+    const Case cases[] = {
+        {"plain é ü \u20AC \U0001F600", "plain é ü \u20AC \U0001F600"},
+        {"a\xff" "b", "a\uFFFDb"},
+        {"\x80\xBF", "\uFFFD\uFFFD"},              // lone continuation bytes
+        {"\xE2\x82", "\uFFFD"},                     // cut-off sequence: one replacement
+        {"\xE2\x82x", "\uFFFDx"},
+        {"\xC0\xAF", "\uFFFD\uFFFD"},              // overlong "/"
+        {"\xE0\x80\xAF", "\uFFFD\uFFFD\uFFFD"},    // overlong, three bytes
+        {"\xED\xA0\x80", "\uFFFD\uFFFD\uFFFD"},    // a surrogate
+        {"\xF4\x90\x80\x80", "\uFFFD\uFFFD\uFFFD\uFFFD"},  // above U+10FFFF
+        {"\xF0\x9F\x98", "\uFFFD"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(text::validUtf8(c.bytes), c.expected) << c.bytes;
+        EXPECT_EQ(text::isValidUtf8(c.bytes), c.bytes == c.expected) << c.bytes;
+    }
+}
+
 TEST(Text, ParseUInt16AcceptsOnlyPlainDecimals) {
     struct Case {
         std::string_view text;

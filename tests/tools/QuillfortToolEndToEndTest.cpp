@@ -183,6 +183,20 @@ TEST_F(QuillfortToolEndToEnd, PromptsOverBridgeAndLoopbackBecomeRules) {
     EXPECT_NE(status.out.find("No prompts waiting."), std::string::npos) << status.out;
 }
 
+TEST_F(QuillfortToolEndToEnd, ProcessWithArgumentsThatAreNotUtf8CanBePromptedFor) {
+    startAgent({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
+    // "; :" keeps the shell from replacing itself with sleep, so its own
+    // arguments (with bytes that are not UTF-8) stay in /proc.
+    auto subject = ChildProcess::start("/bin/sh", {"-c", "sleep 60; :", "name-\xff\xfe-\xE2\x82"}, environment(),
+                                       outputDirectory());
+    ASSERT_TRUE(subject.has_value()) << subject.error();
+
+    auto run = runTool({"prompt", "--pid", std::to_string(subject->pid()), "--host", "api.example.com", "--port",
+                        "443", "--timeout", "30"});
+    ASSERT_EQ(run.status, 0) << run.err;
+    EXPECT_EQ(responseFrom(run).action, RuleAction::allow);
+}
+
 TEST_F(QuillfortToolEndToEnd, AnswerResolvesAPromptAnotherToolWaitsFor) {
     startAgent();
 
