@@ -37,12 +37,44 @@ ProcessNode runningShellNode(ProcessIdentity identity) {
     return node;
 }
 
+// "value" for an argument "name=value".
+std::optional<std::string_view> inlineValue(std::string_view argument, std::string_view name) {
+    if (argument.size() <= name.size() || !argument.starts_with(name) || argument[name.size()] != '=') {
+        return std::nullopt;
+    }
+    return argument.substr(name.size() + 1);
+}
+
 }  // namespace
 
 std::optional<std::string> automationArgumentValue(std::string_view name, const std::vector<std::string>& arguments) {
-    const auto found = std::find(arguments.begin(), arguments.end(), name);
-    if (found == arguments.end() || std::next(found) == arguments.end()) return std::nullopt;
-    return *std::next(found);
+    for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
+        if (*argument == name) {
+            if (std::next(argument) == arguments.end()) return std::nullopt;
+            return *std::next(argument);
+        }
+        if (const auto assigned = inlineValue(*argument, name)) return std::string(*assigned);
+    }
+    return std::nullopt;
+}
+
+std::vector<std::string> withoutAutomationArguments(const std::vector<std::string>& arguments) {
+    static constexpr std::string_view valuedFlags[] = {queueCountSetting.flag, hostSetting.flag, portSetting.flag,
+                                                       protocolSetting.flag};
+    std::vector<std::string> kept;
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+        const auto& argument = arguments[i];
+        if (argument == previewPromptSetting.flag) continue;
+        const auto valued = std::find_if(std::begin(valuedFlags), std::end(valuedFlags), [&](std::string_view flag) {
+            return argument == flag || inlineValue(argument, flag);
+        });
+        if (valued == std::end(valuedFlags)) {
+            kept.push_back(argument);
+        } else if (argument == *valued) {
+            ++i;  // its value, when there is one
+        }
+    }
+    return kept;
 }
 
 std::optional<std::string> settingValue(const Setting& setting, const ProcessInfo& processInfo,

@@ -43,10 +43,16 @@ inline constexpr std::string_view clientExecutablePath =
 inline constexpr std::string_view clientIdentifier = "com.vessimo.Quillfort.PreviewClient";
 inline constexpr std::string_view clientTeamID = "QFPREVIEW1";
 
-// The argument after the first one equal to `name`; absent when `name` does
-// not occur or is the last argument.
+// The argument after the first one equal to `name`, or the text after "=" when
+// that first one is `name=value`; absent when `name` does not occur or is the
+// last argument (a flag without its value is no error).
 [[nodiscard]] std::optional<std::string> automationArgumentValue(std::string_view name,
                                                                  const std::vector<std::string>& arguments);
+
+// `arguments` without the preview flags and the values they take, read the
+// same way as above, so that the command-line parser never disagrees with
+// this reader about what belongs to them.
+[[nodiscard]] std::vector<std::string> withoutAutomationArguments(const std::vector<std::string>& arguments);
 
 // The first place that has the setting: the environment (present counts, even
 // when empty), the value after the flag, the user-defaults string.

@@ -6,13 +6,16 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 
+#include "QuillfortAgent/AgentPreviewPrompts.hpp"
 #include "QuillfortAgent/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/AsioMainThreadExecutor.hpp"
 #include "QuillfortAgent/CachedRuleSnapshotReader.hpp"
@@ -48,13 +51,32 @@ void describeOptions(CLI::App& app, Options& options) {
     app.add_option("--loopback-port", options.loopbackPort,
                    "TCP port of the loopback listener on 127.0.0.1 (0: any free port)")
         ->check(CLI::Range(0, 65535));
-    // The coordinator reads these from the whole command line itself; they are
-    // declared so that --help lists them and a misspelt flag is refused.
-    app.add_flag("--automation-preview-prompt")->description("Queue synthetic preview prompts at start");
-    app.add_option("--automation-preview-queue-count", "How many preview prompts to queue");
-    app.add_option("--automation-preview-host", "Remote host of the preview prompts");
-    app.add_option("--automation-preview-port", "Remote port of the preview prompts");
-    app.add_option("--automation-preview-protocol", "Transport protocol of the preview prompts (tcp, udp)");
+    // The coordinator reads the preview flags from the whole command line itself
+    // (a flag given last has no value and is no error), so they are taken out
+    // before parsing and only described here.
+    app.footer(
+        "Preview prompts (read by the agent itself; --name value or --name=value):\n"
+        "  --automation-preview-prompt          Queue synthetic preview prompts at start\n"
+        "  --automation-preview-queue-count N   How many preview prompts to queue\n"
+        "  --automation-preview-host H          Remote host of the preview prompts\n"
+        "  --automation-preview-port P          Remote port of the preview prompts\n"
+        "  --automation-preview-protocol tcp|udp  Transport protocol of the preview prompts");
+}
+
+// Parses what is left once the preview flags are out. A launch that ends on a
+// bad argument still writes its launch line first, as every launch does.
+// Nothing when the agent is to run, else the exit status.
+std::optional<int> parseOptions(CLI::App& app, const ProcessInfo& processInfo) {
+    auto arguments = AgentPreviewPrompts::withoutAutomationArguments(processInfo.arguments);
+    std::vector<char*> argv;
+    for (auto& argument : arguments) argv.push_back(argument.data());
+    try {
+        app.parse(static_cast<int>(argv.size()), argv.data());
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() != 0) QuillfortAgentBootstrap::make(processInfo).logLaunch();
+        return app.exit(error);
+    }
+    return std::nullopt;
 }
 
 std::shared_ptr<UserDefaults> agentUserDefaults(const ProcessInfo& processInfo,
@@ -168,11 +190,7 @@ int main(int argc, char** argv) {
     CLI::App app("Quillfort Agent: answers the firewall's flow prompts for this user session.", "quillfort-agent");
     Options options;
     describeOptions(app, options);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error);
-    }
+    if (const auto status = parseOptions(app, processInfo)) return *status;
 
     try {
         return runAgent(argc, argv, processInfo, options);

@@ -38,6 +38,24 @@ TEST(AgentPreviewPrompts, SettingsComeFromEnvironmentThenFlagThenUserDefaults) {
 
     EXPECT_EQ(Preview::automationArgumentValue("-x", {"a", "-x", "1", "-x", "2"}), "1");
     EXPECT_EQ(Preview::automationArgumentValue("-x", {"a", "-x"}), std::nullopt);
+    EXPECT_EQ(Preview::automationArgumentValue("-x", {"-x=1", "-x", "2"}), "1");
+    EXPECT_EQ(Preview::automationArgumentValue("-x", {"-x=", "-x", "2"}), "");
+    EXPECT_EQ(Preview::automationArgumentValue("-x", {"-xy", "2"}), std::nullopt);
+}
+
+// What the agent's option parser is left with: no preview flag, no value of one.
+TEST(AgentPreviewPrompts, WithoutAutomationArgumentsDropsFlagsAndTheirValues) {
+    using Arguments = std::vector<std::string>;
+    const std::pair<Arguments, Arguments> cases[] = {
+        {{"agent", "--headless", "--automation-preview-prompt", "--automation-preview-host", "h", "--loopback-port",
+          "1"},
+         {"agent", "--headless", "--loopback-port", "1"}},
+        {{"agent", "--automation-preview-port=80", "--automation-preview-protocol", "--headless"}, {"agent"}},
+        {{"agent", "--headless", "--automation-preview-queue-count"}, {"agent", "--headless"}},
+        {{"agent", "--automation-preview-prompt=1", "--automation-preview-hostx"},
+         {"agent", "--automation-preview-prompt=1", "--automation-preview-hostx"}},
+    };
+    for (const auto& [arguments, expected] : cases) EXPECT_EQ(Preview::withoutAutomationArguments(arguments), expected);
 }
 
 TEST(AgentPreviewPrompts, OnlyTheDigitOneOrTheBareFlagRequestsPreviews) {
