@@ -21,12 +21,14 @@ Error errorFrom(const boost::system::error_code& code) {
 
 }  // namespace
 
-LoopbackConnection::LoopbackConnection(boost::asio::ip::tcp::socket socket) noexcept : socket_(std::move(socket)) {}
+LoopbackConnection::LoopbackConnection(boost::asio::ip::tcp::socket socket) noexcept
+    : socket_(std::in_place, std::move(socket)) {}
 
 void LoopbackConnection::receive(std::size_t maximumLength, ReceiveCompletion completion) {
+    if (!socket_) return;
     const std::size_t length = std::clamp<std::size_t>(maximumLength, 1, receiveChunkSize);
     auto buffer = std::make_shared<std::string>(length, '\0');
-    socket_.async_read_some(
+    socket_->async_read_some(
         boost::asio::buffer(buffer->data(), buffer->size()),
         [self = shared_from_this(), buffer, completion = std::move(completion)](
             const boost::system::error_code& code, std::size_t received) {
@@ -42,9 +44,10 @@ void LoopbackConnection::receive(std::size_t maximumLength, ReceiveCompletion co
 }
 
 void LoopbackConnection::sendFinal(std::string bytes, SendCompletion completion) {
+    if (!socket_) return;
     auto payload = std::make_shared<std::string>(std::move(bytes));
     boost::asio::async_write(
-        socket_, boost::asio::buffer(*payload),
+        *socket_, boost::asio::buffer(*payload),
         [self = shared_from_this(), payload, completion = std::move(completion)](
             const boost::system::error_code& code, std::size_t) {
             if (code) {
@@ -52,16 +55,21 @@ void LoopbackConnection::sendFinal(std::string bytes, SendCompletion completion)
                 return;
             }
             boost::system::error_code ignored;
-            self->socket_.shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
+            if (self->socket_) self->socket_->shutdown(boost::asio::ip::tcp::socket::shutdown_send, ignored);
             completion(std::nullopt);
         });
 }
 
 void LoopbackConnection::cancel() noexcept {
     boost::system::error_code ignored;
-    if (!socket_.is_open()) return;
-    socket_.shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
-    socket_.close(ignored);
+    if (!socket_ || !socket_->is_open()) return;
+    socket_->shutdown(boost::asio::ip::tcp::socket::shutdown_both, ignored);
+    socket_->close(ignored);
+}
+
+void LoopbackConnection::release() noexcept {
+    cancel();
+    socket_.reset();
 }
 
 }  // namespace quillfort

@@ -34,9 +34,14 @@ public:
     // Closes the socket; pending operations complete with an error. Idempotent.
     void cancel() noexcept;
 
+    // For the end of the queue: closes and destroys the socket now, while its
+    // io_context still exists. Whoever still holds the connection afterwards (a
+    // reply callback in the coordinator, say) holds an empty shell: receive()
+    // and sendFinal() do nothing, not even complete. Idempotent.
+    void release() noexcept;
 
 private:
-    boost::asio::ip::tcp::socket socket_;
+    std::optional<boost::asio::ip::tcp::socket> socket_;
 };
 
 }  // namespace quillfort

@@ -18,6 +18,8 @@ public:
                 return "The loopback prompt connection closed before the full payload arrived.";
             case LoopbackPromptErrorCode::payloadTooLarge:
                 return "The loopback prompt request is larger than the agent accepts.";
+            case LoopbackPromptErrorCode::requestTimedOut:
+                return "The loopback prompt request did not arrive in time.";
         }
         return "Unknown loopback prompt error " + std::to_string(code) + ".";
     }

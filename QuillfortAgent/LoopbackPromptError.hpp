@@ -14,6 +14,7 @@ enum class LoopbackPromptErrorCode {
     headerIncomplete = 11,     // the 4-byte length header came back with another length
     closedBeforePayload = 12,  // the peer ended the stream inside the header or the payload
     payloadTooLarge = 13,      // the header announces more than the agent accepts
+    requestTimedOut = 14,      // no complete frame within the time a client is given
 };
 
 namespace LoopbackPromptError {

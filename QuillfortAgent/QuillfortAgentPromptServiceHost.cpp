@@ -20,13 +20,24 @@ namespace {
 
 constexpr std::string_view undecodableRequestMessage = "Failed to decode the Quillfort prompt request.";
 
-// One frame being read from a loopback connection.
+// One frame being read from a loopback connection, with the deadline by which
+// it must be complete.
 struct FrameRead {
     std::shared_ptr<LoopbackConnection> connection;
     FrameReader reader;
     std::function<void(Result<std::string>)> completion;
     boost::asio::io_context::executor_type queue;
+    std::uint32_t maximumSize;
+    boost::asio::steady_timer deadline;
+    bool timedOut = false;
+    bool finished = false;
 };
+
+void finishFrameRead(FrameRead& read, Result<std::string> result) {
+    read.finished = true;
+    read.deadline.cancel();
+    read.completion(std::move(result));
+}
 
 // Each round asks for at least 1 and at most the bytes the frame still needs
 // (4 for the header at first), so nothing past the frame is read; the next
@@ -34,23 +45,28 @@ struct FrameRead {
 void receiveFrameBytes(std::shared_ptr<FrameRead> read) {
     const auto wanted = read->reader.bytesWanted();
     read->connection->receive(wanted, [read](std::string bytes, bool isComplete, std::optional<Error> error) {
+        if (read->finished) return;
+        if (read->timedOut) {
+            finishFrameRead(*read, std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::requestTimedOut)));
+            return;
+        }
         if (error) {
-            read->completion(std::unexpected(std::move(*error)));
+            finishFrameRead(*read, std::unexpected(std::move(*error)));
             return;
         }
         read->reader.consume(bytes);
-        if (const auto length = read->reader.announcedLength();
-            length && *length > LoopbackPromptError::maximumRequestPayloadSize) {
-            read->completion(std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::payloadTooLarge)));
+        if (const auto length = read->reader.announcedLength(); length && *length > read->maximumSize) {
+            finishFrameRead(*read, std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::payloadTooLarge)));
             return;
         }
         if (read->reader.complete()) {
-            read->completion(read->reader.takePayload());
+            finishFrameRead(*read, read->reader.takePayload());
             return;
         }
         if (isComplete) {
             // Inside the header or inside the payload: either way the frame was cut short.
-            read->completion(std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::closedBeforePayload)));
+            finishFrameRead(*read,
+                            std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::closedBeforePayload)));
             return;
         }
         boost::asio::post(read->queue, [read] { receiveFrameBytes(read); });
@@ -80,6 +96,8 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
       loopbackListenerDisabled_(
           dependencies.processInfo.environmentValue(std::string(disableLoopbackListenerVariable)) == "1"),
       requestedLoopbackPort_(dependencies.loopbackPort),
+      loopbackRequestTimeout_(dependencies.loopbackRequestTimeout),
+      maximumRequestSize_(dependencies.maximumRequestSize),
       sessionIdentifier_(uuids_->next().uppercaseString()),
       bridgeQueue_(std::make_unique<BridgeQueue>()) {
     statusPublisher_ = std::make_unique<AgentStatusPublisher>(promptAgentStatusStore_, clock_, initialStatus());
@@ -123,6 +141,17 @@ void QuillfortAgentPromptServiceHost::cancelServingOnBridgeQueue() {
         loopbackListener_->cancel();
         loopbackListener_.reset();
     }
+    // Their clients see the connection end, and sockets held by reply callbacks
+    // no longer need the io_context that is about to go.
+    for (const auto& weak : loopbackConnections_) {
+        if (auto connection = weak.lock()) connection->release();
+    }
+    loopbackConnections_.clear();
+}
+
+std::string QuillfortAgentPromptServiceHost::oversizeRequestMessage() const {
+    return fmt::format("The Quillfort prompt request is larger than the {} bytes the agent accepts.",
+                       maximumRequestSize_);
 }
 
 Date QuillfortAgentPromptServiceHost::now() const { return dateFrom(clock_->now()); }
@@ -438,9 +467,16 @@ void QuillfortAgentPromptServiceHost::processPendingRequests() {
     if (!requests) return;
     auto listing = fileManager_->listDirectory(*requests, /*skipHiddenEntries=*/true);
     if (!listing) {
-        logger_.error("Failed to enumerate prompt bridge requests: %{public}s", listing.error());
+        // Ten polls a second would repeat a lasting failure (the directory
+        // removed under us) ten times a second; it is logged once until it
+        // changes or clears. The poll goes on either way.
+        if (lastEnumerationFailure_ != listing.error().description) {
+            lastEnumerationFailure_ = listing.error().description;
+            logger_.error("Failed to enumerate prompt bridge requests: %{public}s", listing.error());
+        }
         return;
     }
+    lastEnumerationFailure_.reset();
 
     std::vector<DirectoryEntry> entries;
     const std::string extension = fmt::format(".{}", bridgeFileExtension);
@@ -462,6 +498,12 @@ void QuillfortAgentPromptServiceHost::processPendingRequests() {
 }
 
 void QuillfortAgentPromptServiceHost::processRequest(const std::filesystem::path& url) {
+    if (auto identity = fileManager_->fileIdentity(url); identity && identity->size > maximumRequestSize_) {
+        finishInvalidRequest(url, oversizeRequestMessage());
+        logger_.error("Failed to decode prompt bridge request: %{public}s",
+                      fmt::format("{} holds {} bytes.", url.filename().string(), identity->size));
+        return;
+    }
     auto envelope = [&]() -> Result<QuillfortPromptBridgeRequestEnvelope> {
         auto bytes = fileManager_->readFile(url);
         if (!bytes) return std::unexpected(std::move(bytes.error()));
@@ -638,15 +680,44 @@ void QuillfortAgentPromptServiceHost::receiveLoopbackFrame(const std::shared_ptr
         .reader = {},
         .completion = std::move(completion),
         .queue = bridgeQueue_->context().get_executor(),
+        .maximumSize = maximumRequestSize_,
+        .deadline = boost::asio::steady_timer(bridgeQueue_->context()),
+    });
+    // An idle or trickling client must not hold a descriptor for ever. Closing
+    // the socket ends the pending receive, which then reports the time-out.
+    read->deadline.expires_after(loopbackRequestTimeout_);
+    read->deadline.async_wait([weak = std::weak_ptr<FrameRead>(read)](const boost::system::error_code& code) {
+        auto pending = weak.lock();
+        if (code || !pending || pending->finished) return;
+        pending->timedOut = true;
+        pending->connection->cancel();
     });
     receiveFrameBytes(std::move(read));
 }
 
 void QuillfortAgentPromptServiceHost::receiveLoopbackRequest(const std::shared_ptr<LoopbackConnection>& connection) {
+    std::erase_if(loopbackConnections_, [](const auto& weak) { return weak.expired(); });
+    loopbackConnections_.push_back(connection);
+
     receiveLoopbackFrame(connection, [weak = weakSelf(), connection](Result<std::string> frame) {
         auto self = weak.lock();
         if (!self) {
             connection->cancel();
+            return;
+        }
+        if (!frame && frame.error().code ==
+                          std::error_code(static_cast<int>(LoopbackPromptErrorCode::payloadTooLarge),
+                                          LoopbackPromptError::category())) {
+            // The client is told why, rather than left with a closed connection.
+            self->logger_.error("Failed to receive the loopback prompt request: %{public}s", frame.error());
+            self->sendLoopbackResponse(
+                QuillfortPromptBridgeResponseEnvelope{
+                    .promptID = self->uuids_->next(),
+                    .response = std::nullopt,
+                    .errorMessage = self->oversizeRequestMessage(),
+                    .createdAt = self->now(),
+                },
+                connection);
             return;
         }
         if (!frame) {

@@ -15,6 +15,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <boost/asio/steady_timer.hpp>
 
@@ -25,6 +26,7 @@
 #include "QuillfortAgent/DirectoryWatcher.hpp"
 #include "QuillfortAgent/LoopbackConnection.hpp"
 #include "QuillfortAgent/LoopbackListener.hpp"
+#include "QuillfortAgent/LoopbackPromptError.hpp"
 #include "QuillfortAgent/MainThreadExecutor.hpp"
 #include "QuillfortAgent/Observable.hpp"
 #include "contracts/FlowPromptAutomation.hpp"
@@ -55,7 +57,16 @@ public:
         std::shared_ptr<Clock> clock;                         // default: the system clock
         std::shared_ptr<UuidSource> uuids;                    // default: random identifiers
         std::uint16_t loopbackPort = QuillfortPromptEndpointStore::defaultLoopbackPort;  // 0: any free port
+        // Limits on what other processes may make the agent hold.
+        std::chrono::milliseconds loopbackRequestTimeout = defaultLoopbackRequestTimeout;
+        std::uint32_t maximumRequestSize = defaultMaximumRequestSize;
     };
+
+    // A loopback client has this long to deliver its whole request frame; the
+    // wait for the user's answer afterwards is not limited.
+    static constexpr std::chrono::milliseconds defaultLoopbackRequestTimeout{30'000};
+    // The largest request payload or request file the agent reads.
+    static constexpr std::uint32_t defaultMaximumRequestSize = LoopbackPromptError::maximumRequestPayloadSize;
 
     static constexpr std::string_view disableLoopbackListenerVariable = "QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER";
     static constexpr std::chrono::milliseconds pollInterval{100};
@@ -158,6 +169,7 @@ private:
                               const std::shared_ptr<LoopbackConnection>& connection);
 
     void cancelServingOnBridgeQueue();
+    [[nodiscard]] std::string oversizeRequestMessage() const;
 
     std::shared_ptr<AgentPromptCoordinator> coordinator_;
     Logger logger_{QuillfortLogCategory::agent};
@@ -171,6 +183,8 @@ private:
     std::optional<FlowPromptAutomationDirective> automationDirective_;
     bool loopbackListenerDisabled_ = false;
     std::uint16_t requestedLoopbackPort_;
+    std::chrono::milliseconds loopbackRequestTimeout_;
+    std::uint32_t maximumRequestSize_;
     std::string sessionIdentifier_;
 
     // Declared before everything that lives on its io_context, so those go first.
@@ -187,6 +201,10 @@ private:
     std::unique_ptr<boost::asio::steady_timer> pollTimer_;
     std::chrono::steady_clock::time_point nextPollAt_{};
     std::shared_ptr<LoopbackListener> loopbackListener_;
+    // Every accepted connection that may still be alive, above all those whose
+    // reply callback waits in the coordinator: their sockets are released on
+    // the queue before its io_context goes, whoever holds them then.
+    std::vector<std::weak_ptr<LoopbackConnection>> loopbackConnections_;
     std::set<std::filesystem::path> pendingRequestURLs_;
     std::shared_ptr<DirectoryWatcher> directoryWatcher_;
     // The requests directory as the poll tick last listed it, and how many tick
@@ -195,6 +213,7 @@ private:
     // a tick later catches that file, and only then is the directory quiet.
     std::optional<FileIdentity> tickListedIdentity_;
     int tickListingsAtIdentity_ = 0;
+    std::optional<std::string> lastEnumerationFailure_;
     std::atomic<std::uint16_t> boundLoopbackPort_{0};
 
     // Main thread only.

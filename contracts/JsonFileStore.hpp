@@ -4,6 +4,7 @@
 // "nothing", every other problem is reported to the caller.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -16,6 +17,9 @@
 namespace quillfort {
 
 namespace detail {
+// Far above any real rule set or status; a larger file is refused unread.
+inline constexpr std::uint64_t maximumStoreFileSize = 64u * 1024u * 1024u;
+
 // The file's bytes; nothing without a location or when the file does not exist.
 [[nodiscard]] Result<std::optional<std::string>> readStoreFile(const FileSystem& fileSystem,
                                                                const std::optional<std::filesystem::path>& location);

@@ -186,13 +186,14 @@ VoidResult PosixFileSystem::removeItem(const std::filesystem::path& path) {
 }
 
 Result<std::string> PosixFileSystem::readFile(const std::filesystem::path& path) const {
-    // O_NONBLOCK keeps a FIFO planted at the path from blocking the caller.
+    // O_NONBLOCK keeps a FIFO planted at the path from blocking the caller, and
+    // only regular files are read: a device such as /dev/zero never ends.
     FileDescriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (fd.get() < 0) return failure(errno, path);
     struct stat info{};
     if (::fstat(fd.get(), &info) != 0) return failure(errno, path);
     if (S_ISDIR(info.st_mode)) return failure(EISDIR, path);
-    if (S_ISFIFO(info.st_mode) || S_ISSOCK(info.st_mode)) return failure(EINVAL, path);
+    if (!S_ISREG(info.st_mode)) return failure(EINVAL, path);
 
     std::string contents;
     if (info.st_size > 0) contents.reserve(static_cast<std::size_t>(info.st_size));

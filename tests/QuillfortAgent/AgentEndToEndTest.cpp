@@ -9,11 +9,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <iterator>
 #include <string>
@@ -98,7 +100,8 @@ std::string frameFor(std::uint64_t n) { return *encodeFrame(encodeCompact(sample
 
 class AgentProcess {
 public:
-    AgentProcess(const fs::path& home, std::uint16_t port, const Environment& extra, const std::string& logName)
+    AgentProcess(const fs::path& home, std::uint16_t port, const Environment& extra, const std::string& logName,
+                 const std::vector<std::string>& extraArguments = {})
         : logPath_(home / logName) {
         std::vector<std::string> environment = {
             "HOME=" + home.string(),
@@ -109,6 +112,7 @@ public:
         for (const auto& [name, value] : extra) environment.push_back(name + "=" + value);
         std::vector<std::string> arguments = {agentExecutable().string(), "--headless", "--loopback-port",
                                               std::to_string(port)};
+        arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
 
         // Everything the child needs is prepared before fork: only
         // async-signal-safe calls may follow it in a threaded test process.
@@ -192,9 +196,9 @@ protected:
         ASSERT_TRUE(fs::exists(agentExecutable())) << agentExecutable() << " is not built";
     }
 
-    AgentProcess& launch(Environment environment = {}) {
+    AgentProcess& launch(Environment environment = {}, const std::vector<std::string>& arguments = {}) {
         port_ = freeLoopbackPort();
-        agent_ = std::make_unique<AgentProcess>(home_.path(), port_, environment, "agent.log");
+        agent_ = std::make_unique<AgentProcess>(home_.path(), port_, environment, "agent.log", arguments);
         EXPECT_TRUE(eventually([&] { return status() && status()->statusText == "Prompt bridge ready."; }))
             << agent_->log();
         const auto manifest = readText(container() / "QuillfortPromptAgent.endpoint");
@@ -456,6 +460,76 @@ TEST_F(AgentEndToEnd, SecondLaunchExitsAtOnceAndLeavesTheLockAlone) {
     EXPECT_EQ(readText(lockFile()), lock);
     EXPECT_TRUE(first.running());
     EXPECT_EQ(status()->statusText, "Prompt bridge ready.");
+}
+
+// The coordinator still holds the reply callbacks (and with them the
+// connections) of prompts nobody answered when the agent ends.
+TEST_F(AgentEndToEnd, SigtermWithLoopbackPromptsWaitingEndsEveryConnection) {
+    auto& agent = launch();
+    std::vector<std::unique_ptr<LoopbackTestClient>> waiting;
+    for (std::uint64_t n = 30; n < 35; ++n) {
+        waiting.push_back(std::make_unique<LoopbackTestClient>(port_));
+        ASSERT_TRUE(waiting.back()->connected());
+        ASSERT_TRUE(waiting.back()->send(frameFor(n)));
+        ASSERT_TRUE(awaitQueued(n)) << agent.log();
+    }
+    ASSERT_EQ(::kill(agent.pid(), SIGTERM), 0);
+    EXPECT_EQ(agent.waitForExit(), 0) << agent.log();
+    for (auto& client : waiting) EXPECT_EQ(client->receiveAll(), std::optional<std::string>(""));
+}
+
+TEST_F(AgentEndToEnd, PreviewFlagsAreReadAsTheAgentReadsThem) {
+    // "=" form for the host; the port flag comes last and so has no value.
+    auto& agent = launch({}, {"--automation-preview-prompt", "--automation-preview-host=flag.example",
+                              "--automation-preview-port"});
+    EXPECT_TRUE(agent.waitForLog(" for flag.example.")) << agent.log();
+    ASSERT_TRUE(eventually([&] { return status() && status()->activePrompt; }));
+    const auto shown = *status()->activePrompt;
+    EXPECT_EQ(shown.host, "flag.example");
+    EXPECT_EQ(shown.port, std::optional<std::uint16_t>(443));
+}
+
+TEST_F(AgentEndToEnd, BadArgumentEndsTheLaunchAfterItsLaunchLine) {
+    AgentProcess agent(home_.path(), freeLoopbackPort(), {}, "bad.log", {"--no-such-option"});
+    EXPECT_NE(agent.waitForExit().value_or(0), 0);
+    const auto log = agent.log();
+    const auto launchLine = log.find("Launching Quillfort agent login-item helper.");
+    ASSERT_NE(launchLine, std::string::npos) << log;
+    EXPECT_LT(launchLine, log.find("--no-such-option")) << log;
+    EXPECT_FALSE(fs::exists(container() / "QuillfortPromptAgent.endpoint"));
+}
+
+// The snapshot is saved whole, and before the answer leaves: a kill at any
+// moment leaves a file that parses and holds the rule of every answer sent.
+TEST_F(AgentEndToEnd, SigkillInABurstOfPermanentAnswersLosesNoAnsweredRule) {
+    auto& agent = launch(directive("allow-permanent"));
+    std::atomic<bool> stop{false};
+    std::mutex mutex;
+    std::vector<std::string> answeredHosts;
+    std::thread burst([&] {
+        for (std::uint64_t n = 100; !stop; ++n) {
+            const auto host = "burst-" + std::to_string(n) + ".example";
+            const auto answer = decodeResponseFrame(
+                exchange({*encodeFrame(encodeCompact(sampleEnvelope(n, host)))}).value_or(""));
+            if (!answer || !answer->response) return;  // the agent is gone
+            const std::lock_guard lock(mutex);
+            answeredHosts.push_back(host);
+        }
+    });
+    const bool enough = eventually([&] {
+        const std::lock_guard lock(mutex);
+        return answeredHosts.size() >= 20;
+    });
+    ::kill(agent.pid(), SIGKILL);
+    stop = true;
+    burst.join();
+    ASSERT_TRUE(enough) << agent.log();
+
+    const auto text = readText(container() / "RuleSnapshot.json").value_or("");
+    const auto snapshot = decodeJson<RuleSnapshotEnvelope>(text);
+    ASSERT_TRUE(snapshot) << text;
+    EXPECT_GE(snapshot->rules.size(), answeredHosts.size());
+    for (const auto& host : answeredHosts) EXPECT_THAT(text, HasSubstr(host + ":443")) << host;
 }
 
 TEST_F(AgentEndToEnd, SigtermEndsTheAgentWithStatusZeroAndKeepsItsFiles) {

@@ -2,6 +2,9 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <cerrno>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -511,6 +514,77 @@ TEST(ServiceHostTeardown, AHostThatNeverStartedLeavesAnotherAgentsFilesAlone) {
     EXPECT_TRUE(harness.fileSystem->exists(harness.container() / "QuillfortPromptAgent.endpoint"));
     EXPECT_TRUE(harness.fileSystem->exists(harness.statusFile()));
     harness.host = running;
+}
+
+// --- Faults ---------------------------------------------------------------------
+
+struct WriteFaultCase {
+    std::string name;
+    bool snapshot;  // the rule snapshot fails, else the response file
+    int error;
+    std::string logged;
+};
+
+class ServiceHostWriteFault : public ::testing::TestWithParam<WriteFaultCase> {};
+
+TEST_P(ServiceHostWriteFault, IsLoggedAndLaterRequestsAreStillAnswered) {
+    const auto& c = GetParam();
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-permanent"},
+                                       {"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    const auto failing =
+        c.snapshot ? harness.ruleSnapshotFile() : harness.responsesDirectory() / bridgeFileName(sampleUuid(1));
+    harness.fakeFileSystem->failOn(FakeFileSystem::Operation::writeFileAtomically, failing, c.error);
+
+    const auto first = harness.writeRequest(sampleEnvelope(1));
+    EXPECT_TRUE(harness.waitForLog(c.logged));
+    EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(first); }));
+    // A snapshot that cannot be saved does not hold the answer back.
+    if (c.snapshot) EXPECT_TRUE(harness.waitForResponse(sampleUuid(1)));
+    EXPECT_FALSE(harness.fileSystem->exists(failing));
+
+    harness.fakeFileSystem->clearFailures();
+    harness.writeRequest(sampleEnvelope(2));
+    ASSERT_TRUE(harness.waitForResponse(sampleUuid(2)));
+    auto snapshot = RuleSnapshotStore(*harness.fileSystem, harness.ruleSnapshotFile()).loadIfPresent();
+    ASSERT_TRUE(snapshot && *snapshot);
+    EXPECT_THAT((*snapshot)->rules, SizeIs(c.snapshot ? 1 : 2));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Faults, ServiceHostWriteFault,
+    ::testing::Values(
+        WriteFaultCase{"SnapshotOnAFullDisk", true, ENOSPC,
+                       "Failed to persist the prompt-resolved shared rule snapshot in the agent helper: "},
+        WriteFaultCase{"ResponseWithoutPermission", false, EACCES,
+                       "Failed to write prompt bridge response for " + sampleUuid(1).uppercaseString() + ": "}),
+    [](const auto& info) { return info.param.name; });
+
+TEST(ServiceHostFileBridge, RemovedRequestsDirectoryIsLoggedOnceWhilePollingGoesOn) {
+    ServiceHostHarness harness;
+    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"},
+                                       {"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+    std::filesystem::remove_all(harness.sessionDirectory());
+    const std::string failure = "Failed to enumerate prompt bridge requests: ";
+    ASSERT_TRUE(harness.waitForLog(failure));
+
+    auto listings = [&] {
+        const auto calls = harness.fakeFileSystem->calls();
+        return std::count_if(calls.begin(), calls.end(), [](const FakeFileSystem::Call& call) {
+            return call.operation == FakeFileSystem::Operation::listDirectory;
+        });
+    };
+    const auto seen = listings();
+    ASSERT_TRUE(harness.runUntil([&] { return listings() >= seen + 3; }));
+    const auto records = harness.logs.records();
+    EXPECT_EQ(std::count_if(records.begin(), records.end(),
+                            [&](const auto& record) { return record.message.starts_with(failure); }),
+              1);
+
+    // Put back, it is polled as before.
+    std::filesystem::create_directories(harness.responsesDirectory());
+    harness.writeRequest(sampleEnvelope(3));
+    EXPECT_TRUE(harness.waitForResponse(sampleUuid(3)));
 }
 
 }  // namespace

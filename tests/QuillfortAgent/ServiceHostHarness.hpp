@@ -67,6 +67,8 @@ inline QuillfortPromptBridgeRequestEnvelope sampleEnvelope(std::uint64_t n,
 struct ServiceHostOptions {
     Environment environment;
     std::uint16_t loopbackPort = 0;  // any free port
+    std::chrono::milliseconds loopbackRequestTimeout = QuillfortAgentPromptServiceHost::defaultLoopbackRequestTimeout;
+    std::uint32_t maximumRequestSize = QuillfortAgentPromptServiceHost::defaultMaximumRequestSize;
 };
 
 class ServiceHostHarness {
@@ -111,6 +113,8 @@ public:
             .clock = systemClock(),
             .uuids = uuids,
             .loopbackPort = options.loopbackPort,
+            .loopbackRequestTimeout = options.loopbackRequestTimeout,
+            .maximumRequestSize = options.maximumRequestSize,
         });
         return host;
     }

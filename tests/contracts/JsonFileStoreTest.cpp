@@ -59,6 +59,13 @@ TEST_F(JsonFileStores, MissingFileIsNothingButOtherReadProblemsFail) {
     auto refused = store.load(kNoon);  // an error, not an empty snapshot
     ASSERT_FALSE(refused);
     EXPECT_EQ(refused.error().code, std::errc::permission_denied);
+
+    // Planted by another process: refused by its size, before anything is read.
+    writeText(file(), "");
+    fs::resize_file(file(), detail::maximumStoreFileSize + 1);
+    auto oversize = store.loadIfPresent();
+    ASSERT_FALSE(oversize);
+    EXPECT_EQ(oversize.error().code, std::errc::file_too_large);
 }
 
 TEST_F(JsonFileStores, DecodeErrorsAreReported) {

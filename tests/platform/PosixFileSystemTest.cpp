@@ -151,6 +151,8 @@ TEST(PosixFileSystem, ReadAndListFailuresKeepTheirErrno) {
     struct Case { fs::path path; bool list; std::errc expected; };
     for (const auto& c : {Case{dir.path() / "missing", false, std::errc::no_such_file_or_directory},
                           Case{dir.path(), false, std::errc::is_a_directory},
+                          // A device would never end: only regular files are read.
+                          Case{"/dev/zero", false, std::errc::invalid_argument},
                           Case{dir.path() / "missing", true, std::errc::no_such_file_or_directory},
                           Case{dir.path() / "file", true, std::errc::not_a_directory}}) {
         auto error = c.list ? files.listDirectory(c.path, false).error() : files.readFile(c.path).error();
