@@ -157,6 +157,57 @@ struct AgentPromptCoordinator::Impl {
         });
     }
 
+    // The sessions, other than `answered`, that `rule` decides and whose callback
+    // still waits, in queue order. Each queued prompt is looked at once.
+    [[nodiscard]] std::vector<std::size_t> decidedSessions(const Rule& rule, const Uuid& answered) const {
+        std::vector<std::size_t> decided;
+        const auto& sessions = activePrompts.value();
+        for (std::size_t i = 0; i < sessions.size(); ++i) {
+            const auto& session = sessions[i];
+            if (session.id() == answered || !pendingReplies.contains(session.id())) continue;
+            if (FlowPromptExistingRuleAnalyzer::ruleDecides(rule, session.request)) decided.push_back(i);
+        }
+        return decided;
+    }
+
+    // A lasting answer makes a rule; every other queued prompt that rule decides
+    // gets the same answer and the same rule (same id, so the snapshot gains it
+    // once), through its own callback. The queue changes once for all of them.
+    void resolveDecidedBy(const FlowPromptResponse& response, bool automated) {
+        if (response.scope == RuleScope::temporary || !response.suggestedRule) return;
+        const auto decided = decidedSessions(*response.suggestedRule, response.promptID);
+        if (decided.empty()) return;
+
+        std::vector<AgentPromptSession> answered;
+        answered.reserve(decided.size());
+        activePrompts.mutate([&](auto& sessions) {
+            std::vector<AgentPromptSession> kept;
+            kept.reserve(sessions.size() - decided.size());
+            auto next = decided.begin();
+            for (std::size_t i = 0; i < sessions.size(); ++i) {
+                if (next != decided.end() && *next == i) {
+                    answered.push_back(std::move(sessions[i]));
+                    ++next;
+                } else {
+                    kept.push_back(std::move(sessions[i]));
+                }
+            }
+            sessions = std::move(kept);
+        });
+
+        const auto preset = AgentPromptDecisionPresets::preset(response.action, response.scope);
+        for (const auto& session : answered) {
+            auto reply = takeReply(session.id());
+            FlowPromptResponse shared = response;
+            shared.promptID = session.id();
+            if (reply && *reply) (*reply)(shared, std::nullopt);
+            recordResolution(session.request, shared, automated);
+            logger.log("Resolved prompt %{public}s as %{public}s.", session.id().uppercaseString(), rawValue(preset));
+        }
+        logger.log("The rule of prompt %{public}s also answered %{public}s other pending prompts.",
+                   response.promptID.uppercaseString(), answered.size());
+    }
+
     void enqueuePreviewPrompt(const FlowPromptRequest& request, const std::optional<StoredPromptPreference>& preference,
                               const std::vector<Rule>& rules) {
         if (pendingReplies.contains(request.id)) return;
@@ -197,6 +248,7 @@ void AgentPromptCoordinator::receivePrompt(FlowPromptRequest request, ReplyCallb
         impl.recordResolution(request, response, true);
         impl.logger.log("Auto-resolved prompt %{public}s using preset %{public}s.", request.id.uppercaseString(),
                         rawValue(preset));
+        impl.resolveDecidedBy(response, true);
         return;
     }
 
@@ -224,6 +276,7 @@ void AgentPromptCoordinator::resolvePrompt(const Uuid& id) {
     impl.recordResolution(session.request, response, false);
     impl.logger.log("Resolved prompt %{public}s as %{public}s.", id.uppercaseString(),
                     rawValue(session.selectedPreset));
+    impl.resolveDecidedBy(response, false);
 }
 
 void AgentPromptCoordinator::resolvePrompt(const Uuid& id, AgentPromptDecisionPreset preset) {
@@ -265,6 +318,23 @@ void AgentPromptCoordinator::cancelAllPrompts() {
 void AgentPromptCoordinator::recordAutomatedResolution(const FlowPromptRequest& request,
                                                        const FlowPromptResponse& response) {
     impl_->recordResolution(request, response, true);
+}
+
+void AgentPromptCoordinator::resolvePromptsDecidedBy(const FlowPromptResponse& response) {
+    impl_->resolveDecidedBy(response, true);
+}
+
+std::size_t AgentPromptCoordinator::alsoAnsweredCount(const Uuid& id) const {
+    const auto& impl = *impl_;
+    const auto& sessions = impl.activePrompts.value();
+    const auto index = indexOf(sessions, id);
+    if (!index) return 0;
+    const auto& session = sessions[*index];
+    if (AgentPromptDecisionPresets::isOnce(session.selectedPreset)) return 0;
+    // The rule's id plays no part in which flows it decides, so it need not
+    // come from (and use up) the coordinator's own identifiers.
+    const auto rule = session.suggestedRule();
+    return rule ? impl.decidedSessions(*rule, id).size() : 0;
 }
 
 void AgentPromptCoordinator::updateListenerStatus(std::string text) {

@@ -66,6 +66,14 @@ public:
     void cancelPrompt(const Uuid& id);
     void cancelAllPrompts();
     void recordAutomatedResolution(const FlowPromptRequest& request, const FlowPromptResponse& response);
+    // For an answer given outside the queue (an automation directive on a
+    // transport): every queued prompt that its lasting rule decides is answered
+    // with it too, recorded as automated. Nothing for a one-time answer.
+    void resolvePromptsDecidedBy(const FlowPromptResponse& response);
+
+    // How many other queued prompts answering `id` with its current preset and
+    // selection would answer too; 0 for a one-time choice or an unknown id.
+    [[nodiscard]] std::size_t alsoAnsweredCount(const Uuid& id) const;
     void updateListenerStatus(std::string text);
 
     // What the decision window changes while the user works on a prompt.

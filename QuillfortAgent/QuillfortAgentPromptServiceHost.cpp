@@ -358,6 +358,7 @@ std::optional<FlowPromptResponse> QuillfortAgentPromptServiceHost::makeAutomatio
     auto response = makeResponse(automationDirective_->preset, request, *uuids_);
     onMainThread([request, response](QuillfortAgentPromptServiceHost& self) {
         self.coordinator_->recordAutomatedResolution(request, response);
+        self.coordinator_->resolvePromptsDecidedBy(response);
     });
     logger_.log("Auto-resolved prompt %{public}s using preset %{public}s.", request.id.uppercaseString(),
                 automationDirective_->preset);

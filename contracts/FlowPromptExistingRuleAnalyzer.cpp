@@ -18,14 +18,19 @@ bool anyAncestor(const FlowPromptRequest& request, Predicate predicate) {
     return std::ranges::any_of(request.context.ancestorChain, predicate);
 }
 
-bool subjectHolds(const RuleSubject& condition, const FlowPromptRequest& request) {
+enum class Signer { ignored, compared };
+
+bool subjectHolds(const RuleSubject& condition, const FlowPromptRequest& request, Signer signer) {
     using K = RuleSubject::Kind;
     const ProcessNode* node = process(request);
     const std::string* text = condition.text();
     const auto tag = condition.tag();
     switch (condition.kind) {
         case K::exactExecutable: return node != nullptr && text != nullptr && node->identity.executablePath == *text;
-        case K::signingID: return true;  // the signer is what may have changed
+        case K::signingID:
+            // Ignored when looking for a rule whose signer may have changed.
+            if (signer == Signer::ignored) return true;
+            return node != nullptr && text != nullptr && node->identity.signingID == *text;
         case K::processTag: return node != nullptr && tag && node->tags.contains(*tag);
         case K::ancestorBundleID:
             return text != nullptr &&
@@ -96,7 +101,8 @@ const std::string* recordedSigner(const Rule& rule) {
 }  // namespace
 
 bool subjectMatchesWithoutSigner(const std::vector<RuleSubject>& subject, const FlowPromptRequest& request) {
-    return std::ranges::all_of(subject, [&](const RuleSubject& condition) { return subjectHolds(condition, request); });
+    return std::ranges::all_of(
+        subject, [&](const RuleSubject& condition) { return subjectHolds(condition, request, Signer::ignored); });
 }
 
 bool destinationMatches(const std::vector<RuleDestination>& destination, const FlowPromptRequest& request) {
@@ -141,6 +147,13 @@ Rule ruleUpdatingSigner(const FlowPromptRequest& request, const std::vector<Rule
     }
     if (recordedSigner(updated) == nullptr) updated.subject.push_back(RuleSubject::signingID(currentSigner));
     return updated;
+}
+
+bool ruleDecides(const Rule& rule, const FlowPromptRequest& request) {
+    return rule.enabled &&
+           std::ranges::all_of(rule.subject,
+                               [&](const RuleSubject& c) { return subjectHolds(c, request, Signer::compared); }) &&
+           destinationMatches(rule.destination, request);
 }
 
 }  // namespace quillfort::FlowPromptExistingRuleAnalyzer

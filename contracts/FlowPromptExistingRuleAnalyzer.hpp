@@ -35,4 +35,10 @@ namespace quillfort::FlowPromptExistingRuleAnalyzer {
 [[nodiscard]] bool destinationMatches(const std::vector<RuleDestination>& destination,
                                       const FlowPromptRequest& request);
 
+// The enabled `rule` would decide the prompted flow: every subject condition
+// holds, the signer compared this time, and every destination condition holds.
+// Judged condition by condition as above, so a rule using a condition this
+// comparison cannot judge never decides a prompt.
+[[nodiscard]] bool ruleDecides(const Rule& rule, const FlowPromptRequest& request);
+
 }  // namespace quillfort::FlowPromptExistingRuleAnalyzer

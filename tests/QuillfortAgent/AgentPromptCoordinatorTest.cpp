@@ -232,6 +232,54 @@ TEST(AgentPromptCoordinator, CancellingAnswersBlockOnceWithoutRememberingAnythin
     EXPECT_EQ(h.log.records().size(), records.size());
 }
 
+TEST(AgentPromptCoordinator, LastingAnswerAlsoAnswersTheQueuedPromptsItsRuleDecides) {
+    struct Row {
+        P preset;
+        bool wholeDomain;  // widen the host facet from the exact host to .example.org
+        std::vector<std::uint64_t> answered;
+    };
+    const Row rows[] = {
+        {P::allowOnce, false, {1}},
+        {P::blockOnce, true, {1}},
+        {P::allowSession, false, {1, 3, 5}},
+        {P::blockPermanent, true, {1, 2, 3, 5}},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(fmt::format("{} wholeDomain={}", rawValue(row.preset), row.wholeDomain));
+        Harness h;
+        for (const auto& [host, n] : std::vector<std::pair<std::string, std::uint64_t>>{
+                 {"a.example.org", 1}, {"b.example.org", 2}, {"a.example.org", 3}, {"a.example.net", 4},
+                 {"a.example.org", 5}}) {
+            h.receive(host, n);
+        }
+        const auto first = testing::uuidNumber(1);
+        if (row.wholeDomain) {
+            auto selection = h.coordinator->activePrompts().value()[0].ruleSelection;
+            selection.hostMatchMode = FlowPromptHostMatchMode::suffix;
+            selection.hostPatternOverride = ".example.org";
+            h.coordinator->setRuleSelection(first, selection);
+        }
+        h.coordinator->setSelectedPreset(first, row.preset);
+        EXPECT_EQ(h.coordinator->alsoAnsweredCount(first), row.answered.size() - 1);
+
+        h.coordinator->resolvePrompt(first);
+
+        ASSERT_EQ(h.replies.received.size(), row.answered.size());
+        const auto& lead = h.replies.received[0];
+        for (std::size_t i = 0; i < row.answered.size(); ++i) {
+            const auto& response = h.replies.received[i];
+            EXPECT_EQ(response.promptID, testing::uuidNumber(row.answered[i]));
+            EXPECT_EQ(response.action, lead.action);
+            EXPECT_EQ(response.scope, lead.scope);
+            EXPECT_EQ(response.suggestedRule, lead.suggestedRule) << "one rule, one id, for every answered prompt";
+            EXPECT_TRUE(h.log.contains(
+                fmt::format("Resolved prompt {} as {}.", response.promptID.uppercaseString(), rawValue(row.preset))));
+        }
+        EXPECT_EQ(h.recordTitles().size(), row.answered.size());
+        EXPECT_EQ(h.queuedHosts().size(), 5 - row.answered.size());
+    }
+}
+
 TEST(AgentPromptCoordinator, KeepsTheSixNewestAnswers) {
     Harness h;
     for (std::uint64_t n = 1; n <= 7; ++n) {
@@ -315,8 +363,10 @@ TEST(AgentPromptCoordinator, PreviewPromptsAreQueuedAsRequestedAndAnsweredLikeAn
     EXPECT_TRUE(
         h.log.contains(fmt::format("Queued preview prompt {} for focus.example.org.", previewID.uppercaseString())));
 
+    // The two previews are the same flow, so one lasting answer settles both.
     h.coordinator->resolvePrompt(previewID, P::allowPermanent);
-    EXPECT_THAT(h.recordTitles(), ElementsAre("Resolved focus.example.org"));
+    EXPECT_THAT(h.recordTitles(), ElementsAre("Resolved focus.example.org", "Resolved focus.example.org"));
+    EXPECT_THAT(h.queuedHosts(), ElementsAre("a.example.org"));
     EXPECT_EQ(StoredPromptPreference::load(*h.defaults)->preset, P::allowPermanent);
 }
 

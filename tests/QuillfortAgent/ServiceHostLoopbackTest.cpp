@@ -175,11 +175,12 @@ TEST(ServiceHostLoopback, CoordinatorAnswersReachTheRightClient) {
     auto second = exchangeInBackground(port, {requestFrame(4)});
     ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(4)));
 
-    harness.coordinator->resolvePrompt(sampleUuid(4), AgentPromptDecisionPreset::blockSession);
+    // Once: a lasting answer would settle the first prompt too, being the same flow.
+    harness.coordinator->resolvePrompt(sampleUuid(4), AgentPromptDecisionPreset::blockOnce);
     const auto secondFrame = awaitReply(harness, second);
     ASSERT_TRUE(secondFrame);
     EXPECT_EQ(decodeResponseFrame(*secondFrame)->promptID, sampleUuid(4));
-    EXPECT_EQ(decodeResponseFrame(*secondFrame)->response->scope, RuleScope::session);
+    EXPECT_EQ(decodeResponseFrame(*secondFrame)->response->scope, RuleScope::temporary);
     // The first client is still waiting for its user.
     EXPECT_EQ(first.wait_for(0s), std::future_status::timeout);
 

@@ -83,6 +83,33 @@ TEST(ExistingRuleAnalyzer, ReportsOnlyARuleMatchingInAllButItsSigner) {
     }
 }
 
+TEST(ExistingRuleAnalyzer, RuleDecidesAFlowOnlyWhenItsSignerHoldsToo) {
+    struct Case {
+        const char* what;
+        std::function<void(Rule&)> editRule;
+        std::function<void(FlowPromptRequest&)> editRequest;
+        bool decides;
+    };
+    const auto same = [](Rule& r) { r.subject[1] = S::signingID("com.apple.curl"); };
+    const auto asIs = [](auto&) {};
+    const Case cases[] = {
+        {"current signer", same, asIs, true},
+        {"old signer", asIs, asIs, false},
+        {"no conditions", [](Rule& r) { r.subject.clear(), r.destination.clear(); }, asIs, true},
+        {"disabled", [&](Rule& r) { same(r), r.enabled = false; }, asIs, false},
+        {"unsigned process", same, [](auto& q) { q.context.matchedProcessNode->identity.signingID.reset(); }, false},
+        {"other host", same, [](auto& q) { q.context.matchedHostname = "example.org"; }, false},
+        {"unjudged condition", [&](Rule& r) { same(r), r.subject.push_back(S::teamID("APPLE")); }, asIs, false},
+    };
+    for (const auto& c : cases) {
+        Rule rule = oldCurlRule();
+        c.editRule(rule);
+        auto request = sampleRequest();
+        c.editRequest(request);
+        EXPECT_EQ(ruleDecides(rule, request), c.decides) << c.what;
+    }
+}
+
 TEST(ExistingRuleAnalyzer, NoCandidateWithoutAnIdentifiableProcess) {
     const std::function<void(FlowPromptRequest&)> edits[] = {
         [](auto& r) { r.context.matchedProcessNode.reset(); },
