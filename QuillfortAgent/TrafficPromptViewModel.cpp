@@ -278,6 +278,11 @@ bool showsCancelAll(std::size_t queuedCount) noexcept {
     return queuedCount >= 2;
 }
 
+std::optional<std::string> alsoAnswersText(std::size_t otherPrompts) {
+    if (otherPrompts == 0) return std::nullopt;
+    return fmt::format("Also answers {} other pending prompt{}", otherPrompts, otherPrompts == 1 ? "" : "s");
+}
+
 TrafficPromptTexts derivedTexts(const AgentPromptSession& session) {
     TrafficPromptTexts texts;
     texts.host = host(session);

@@ -104,6 +104,11 @@ inline constexpr std::string_view exactTag = "exact";  // the flow's own port / 
 [[nodiscard]] std::optional<std::string> pendingPillText(std::size_t queuedCount);
 [[nodiscard]] bool showsCancelAll(std::size_t queuedCount) noexcept;
 
+// Under the rule preview, how many other queued prompts the current choice
+// would answer too (the coordinator's alsoAnsweredCount): "Also answers 1 other
+// pending prompt", "Also answers 3 other pending prompts"; nothing for none.
+[[nodiscard]] std::optional<std::string> alsoAnswersText(std::size_t otherPrompts);
+
 [[nodiscard]] TrafficPromptTexts derivedTexts(const AgentPromptSession& session);
 
 }  // namespace TrafficPromptViewModel

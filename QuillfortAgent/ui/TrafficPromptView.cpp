@@ -430,6 +430,9 @@ void TrafficPromptView::bind(const AgentPromptSession& session, std::size_t queu
     separateChip_->setEnabled(texts.signerChoiceEnabled);
 
     setTextIfChanged(previewText_, q(texts.previewText));
+    const auto alsoAnswers = VM::alsoAnswersText(coordinator_.alsoAnsweredCount(session.id()));
+    alsoAnswersLabel_->setVisible(alsoAnswers.has_value());
+    if (alsoAnswers) setTextIfChanged(alsoAnswersLabel_, q(*alsoAnswers));
 
     cancelAllButton_->setVisible(VM::showsCancelAll(queuedCount));
     // The mnemonics give Alt+B and Alt+A, underlined in the buttons.

@@ -184,5 +184,11 @@ TEST(TrafficPromptViewModel, PendingPillAndCancelAllStartAtTwoQueuedPrompts) {
     EXPECT_TRUE(VM::showsCancelAll(3));
 }
 
+TEST(TrafficPromptViewModel, AlsoAnswersLineAppearsFromOneOtherPromptOn) {
+    EXPECT_EQ(VM::alsoAnswersText(0), std::nullopt);
+    EXPECT_EQ(VM::alsoAnswersText(1), "Also answers 1 other pending prompt");
+    EXPECT_EQ(VM::alsoAnswersText(12), "Also answers 12 other pending prompts");
+}
+
 }  // namespace
 }  // namespace quillfort
