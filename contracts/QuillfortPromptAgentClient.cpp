@@ -198,7 +198,10 @@ private:
         // be taken for this one, so it goes before the request appears.
         if (fs.exists(responseFile_) && !fs.removeItem(responseFile_)) return false;
         if (!fs.writeFileAtomically(requestFile_, payload_)) return false;
-        return QuillfortPromptEndpointStore::ensureAccessibleFile(requestFile_, fs).has_value();
+        // A watching agent may take and remove the request before its mode is
+        // widened: the request was delivered, so that is no failure.
+        return QuillfortPromptEndpointStore::ensureAccessibleFile(requestFile_, fs).has_value() ||
+               !fs.exists(requestFile_);
     }
 
     void look() {
