@@ -540,7 +540,9 @@ TEST_P(ServiceHostWriteFault, IsLoggedAndLaterRequestsAreStillAnswered) {
     EXPECT_TRUE(harness.waitForLog(c.logged));
     EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(first); }));
     // A snapshot that cannot be saved does not hold the answer back.
-    if (c.snapshot) EXPECT_TRUE(harness.waitForResponse(sampleUuid(1)));
+    if (c.snapshot) {
+        EXPECT_TRUE(harness.waitForResponse(sampleUuid(1)));
+    }
     EXPECT_FALSE(harness.fileSystem->exists(failing));
 
     harness.fakeFileSystem->clearFailures();

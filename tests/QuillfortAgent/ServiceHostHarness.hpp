@@ -65,7 +65,7 @@ inline QuillfortPromptBridgeRequestEnvelope sampleEnvelope(std::uint64_t n,
 }
 
 struct ServiceHostOptions {
-    Environment environment;
+    Environment environment = {};
     std::uint16_t loopbackPort = 0;  // any free port
     std::chrono::milliseconds loopbackRequestTimeout = QuillfortAgentPromptServiceHost::defaultLoopbackRequestTimeout;
     std::uint32_t maximumRequestSize = QuillfortAgentPromptServiceHost::defaultMaximumRequestSize;
