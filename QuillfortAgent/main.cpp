@@ -17,6 +17,7 @@
 
 #include "QuillfortAgent/AgentPreviewPrompts.hpp"
 #include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/AgentSessionBusService.hpp"
 #include "QuillfortAgent/AsioMainThreadExecutor.hpp"
 #include "QuillfortAgent/CachedRuleSnapshotReader.hpp"
 #include "QuillfortAgent/QuillfortAgentBootstrap.hpp"
@@ -160,6 +161,9 @@ int runAgent(int& argc, char** argv, const ProcessInfo& processInfo, const Optio
     if (!shouldActivate) return 0;  // the running agent is left alone
 
     serviceHost->start();
+    // The queue on the user's session bus, for `quillfort watch` and busctl;
+    // without a session bus the agent runs as before (one log line says so).
+    const auto sessionBus = AgentSessionBusService::start(coordinator, mainThread);
     if (frontEnd) frontEnd->start();
     coordinator->seedPreviewPromptIfRequested(processInfo);
 
