@@ -13,7 +13,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   qt6-base-dev libxcb1-dev fonts-dejavu-core xvfb xdotool imagemagick
   dpkg-dev file man-db desktop-file-utils
-  dbus jq
+  dbus jq tmux libncurses-dev
 )
 for arg in "$@"; do
   case "$arg" in

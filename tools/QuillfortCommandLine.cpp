@@ -16,6 +16,7 @@
 #include "contracts/QuillfortSharedContainer.hpp"
 #include "contracts/RuleSnapshotStore.hpp"
 #include "model/Text.hpp"
+#include "tools/QuillfortWatch.hpp"
 #include "tools/RuleFormatting.hpp"
 #include "tools/StatusFormatting.hpp"
 
@@ -395,6 +396,10 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
             ->required();
         answerCommand->add_option("PRESET", options.preset, "One of: " + presetList())->required();
 
+        auto* watchCommand = app.add_subcommand(
+            "watch", "Watch the agent's queue live in this terminal and answer prompts with keys.");
+        addHomeOption(*watchCommand, options);
+
         std::string loginItemAction;
         auto* loginItemCommand = app.add_subcommand(
             "login-item", "Switch the agent's start at login on or off for you, or show which way it starts.");
@@ -430,6 +435,7 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
         if (rulesCommand->parsed()) return runRules(options, environment, out, err);
         if (answerCommand->parsed()) return runAnswer(options, environment, out, err);
         if (loginItemCommand->parsed()) return runLoginItem(loginItemAction, environment, out, err);
+        if (watchCommand->parsed()) return QuillfortWatch::run(options.home, environment, err);
         return failure(err, "no command given", exitUsage);
     } catch (const std::exception& error) {
         return failure(err, error.what());
