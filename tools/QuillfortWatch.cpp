@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
 #include <cctype>
 #include <clocale>
 #include <csignal>
@@ -36,6 +38,7 @@ namespace {
 volatile std::sig_atomic_t interrupted = 0;
 extern "C" void onInterrupt(int) { interrupted = 1; }
 
+constexpr std::chrono::milliseconds changeDelay{200};
 constexpr const char* keyHelp = "arrows/jk pick  1/2/3 duration  h host scope  a allow  b block  c cancel  q quit";
 
 // One queued prompt as the screen shows it.
@@ -442,10 +445,14 @@ int run(const std::string& home, const QuillfortCommandLine::Environment& enviro
         std::size_t selected = 0;
         std::string message;
         bool reload = true;
+        bool changed = false;  // the agent signalled a change not listed yet
+        auto loadedAt = std::chrono::steady_clock::now();
         bool quit = false;
         while (!quit && interrupted == 0) {
             if (reload) {
                 model = source->load(selectedID);
+                loadedAt = std::chrono::steady_clock::now();
+                changed = false;
                 // Stay on the same prompt while the queue moves under it.
                 const auto at = std::find_if(model.entries.begin(), model.entries.end(),
                                              [&](const Entry& e) { return e.id == selectedID; });
@@ -459,10 +466,17 @@ int run(const std::string& home, const QuillfortCommandLine::Environment& enviro
             }
             draw(model, selected, message);
 
+            // A burst of prompts signals many changes; list at most every
+            // changeDelay, so a long queue is not listed over and over.
+            const auto sinceLoad = std::chrono::steady_clock::now() - loadedAt;
+            const int wait = changed ? static_cast<int>(std::max<std::int64_t>(
+                                           0, std::chrono::duration_cast<std::chrono::milliseconds>(changeDelay - sinceLoad)
+                                                  .count()))
+                                     : source->refreshIntervalMs();
             pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {source->descriptor(), source->events(), 0}};
-            const int ready = ::poll(fds, fds[1].fd >= 0 ? 2 : 1, source->refreshIntervalMs());
-            if (ready == 0) reload = true;
-            if (source->changed()) reload = true;
+            const int ready = ::poll(fds, fds[1].fd >= 0 ? 2 : 1, wait);
+            if (source->changed()) changed = true;
+            if (ready == 0) reload = true;  // the time is up, for a change or the periodic look
 
             for (int key = getch(); key != ERR; key = getch()) {
                 const bool any = !model.entries.empty();
