@@ -14,11 +14,18 @@
 #include <cstring>
 #include <exception>
 #include <mutex>
+#include <span>
+#include <thread>
+#include <unordered_map>
 #include <utility>
 
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/thread_pool.hpp>
+#include <boost/asio/write.hpp>
 #include <fmt/format.h>
 
 #include "contracts/PromptFrame.hpp"
@@ -71,19 +78,11 @@ std::ostream& operator<<(std::ostream& out, const QuillfortPromptAgentClientErro
 
 namespace {
 
-// --- Worker pool ----------------------------------------------------------------
-
-// A few threads shared by every client in the process, started on first use.
-// Deliberately never destroyed: a bridge submission without a time limit may
-// still be waiting when the process exits, and joining it would hang the exit.
-boost::asio::thread_pool& workerPool() {
-    static auto* pool = new boost::asio::thread_pool(4);
-    return *pool;
-}
+using GivenUpFlag = std::shared_ptr<const std::atomic<bool>>;
 
 // Completions are called at most once, and an exception thrown by the caller's
-// completion must not take a worker thread (and with it the process) down: it
-// has nobody to be reported to, so it is dropped.
+// completion must not take the client's thread (and with it the process) down:
+// it has nobody to be reported to, so it is dropped.
 Completion onceOnly(Completion completion) {
     struct State {
         std::atomic<bool> called{false};
@@ -123,9 +122,25 @@ std::chrono::steady_clock::duration durationFromSeconds(double seconds) {
         std::chrono::duration<double>(sanitizedSeconds(seconds)));
 }
 
+ClientResult failure(ClientError error) { return std::unexpected(std::move(error)); }
+
+ClientResult transportFailure(std::string message) {
+    return failure(ClientError::transportFailure(std::move(message)));
+}
+
+ClientResult fixedTransportFailure(std::string_view message) { return transportFailure(std::string(message)); }
+
+// Socket errors read as the blocking calls' errno texts would; anything Asio
+// reports outside the system's numbers keeps Asio's own text.
+ClientResult socketFailure(std::string_view prefix, const boost::system::error_code& error) {
+    if (error.category() == boost::system::system_category())
+        return transportFailure(QuillfortPromptAgentClient::posixSocketErrorDescription(prefix, error.value()));
+    return transportFailure(fmt::format("{}: {}", prefix, error.message()));
+}
+
 ClientResult resultFromEnvelope(const QuillfortPromptBridgeResponseEnvelope& envelope) {
-    if (envelope.errorMessage) return std::unexpected(ClientError::remoteFailure(*envelope.errorMessage));
-    if (!envelope.response) return std::unexpected(ClientError::missingResponse());
+    if (envelope.errorMessage) return failure(ClientError::remoteFailure(*envelope.errorMessage));
+    if (!envelope.response) return failure(ClientError::missingResponse());
     return *envelope.response;
 }
 
@@ -143,49 +158,196 @@ bool shouldFallBackToLoopback(const ClientError& error) {
            error.kind == ClientError::Kind::invalidEndpointData;
 }
 
+bool hasGivenUp(const GivenUpFlag& givenUp) { return givenUp && givenUp->load(); }
+
+}  // namespace
+
+namespace detail {
+
+// --- Runtime --------------------------------------------------------------------
+
+// One submission in flight. It lives as long as one of its operations is
+// pending on the client's context; the core keeps only a weak reference, to end
+// it when the client goes away.
+class PromptAgentClientExchange : public std::enable_shared_from_this<PromptAgentClientExchange> {
+public:
+    PromptAgentClientExchange() = default;
+    PromptAgentClientExchange(const PromptAgentClientExchange&) = delete;
+    PromptAgentClientExchange& operator=(const PromptAgentClientExchange&) = delete;
+    virtual ~PromptAgentClientExchange() = default;
+
+    virtual void start() = 0;
+    // The client is going away: end now, with `clientStopped`.
+    virtual void stop() = 0;
+};
+
+// The context, its single thread and the exchanges in flight. Everything but
+// `launch` runs on that thread, so the bookkeeping needs no lock.
+class PromptAgentClientCore : public std::enable_shared_from_this<PromptAgentClientCore> {
+public:
+    PromptAgentClientCore() : work_(boost::asio::make_work_guard(context_)) {}
+
+    boost::asio::io_context& context() noexcept { return context_; }
+
+    // From any thread. Starts the thread on first use, which may throw; the
+    // caller reports that as its submission's failure.
+    void launch(std::shared_ptr<PromptAgentClientExchange> exchange) {
+        startThread();
+        boost::asio::post(context_, [this, exchange = std::move(exchange)] {
+            if (stopping_) return exchange->stop();
+            live_.emplace(exchange.get(), exchange);
+            exchange->start();
+        });
+    }
+
+    void finished(const PromptAgentClientExchange* exchange) { live_.erase(exchange); }
+
+    // Ends every exchange still in flight and lets the thread run out. Called
+    // once, by the last copy of the client; when that copy dies inside one of
+    // our own completions the thread cannot join itself, so it is let go and
+    // keeps this core alive until its context is empty.
+    void shutdown() {
+        if (!started_.load(std::memory_order_acquire)) return;
+        boost::asio::post(context_, [this] {
+            stopping_ = true;
+            auto live = std::exchange(live_, {});
+            for (auto& [key, weak] : live)
+                if (auto exchange = weak.lock()) exchange->stop();
+        });
+        work_.reset();
+        if (thread_.get_id() == std::this_thread::get_id())
+            thread_.detach();
+        else
+            thread_.join();
+    }
+
+private:
+    void startThread() {
+        if (started_.load(std::memory_order_acquire)) return;
+        std::lock_guard guard(startLock_);
+        if (started_.load(std::memory_order_relaxed)) return;
+        thread_ = std::thread([self = shared_from_this()] { self->run(); });
+        started_.store(true, std::memory_order_release);
+    }
+
+    void run() {
+        // Every handler catches its own failures; should one slip through, the
+        // other submissions must still be served.
+        for (;;) {
+            try {
+                context_.run();
+                return;
+            } catch (...) {
+            }
+        }
+    }
+
+    boost::asio::io_context context_;
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> work_;
+    std::unordered_map<const PromptAgentClientExchange*, std::weak_ptr<PromptAgentClientExchange>> live_;
+    bool stopping_ = false;
+    std::mutex startLock_;
+    std::atomic<bool> started_{false};
+    std::thread thread_;
+};
+
+// Shared by the copies of one client: the last one to go stops the core.
+class PromptAgentClientRuntime {
+public:
+    PromptAgentClientRuntime() : core_(std::make_shared<PromptAgentClientCore>()) {}
+    ~PromptAgentClientRuntime() { core_->shutdown(); }
+    PromptAgentClientRuntime(const PromptAgentClientRuntime&) = delete;
+    PromptAgentClientRuntime& operator=(const PromptAgentClientRuntime&) = delete;
+
+    [[nodiscard]] const std::shared_ptr<PromptAgentClientCore>& core() const noexcept { return core_; }
+
+private:
+    std::shared_ptr<PromptAgentClientCore> core_;
+};
+
+namespace {
+
+using Core = PromptAgentClientCore;
+using Exchange = PromptAgentClientExchange;
+
+// What every exchange does alike: report once, leave the core's books, and turn
+// a throwing step into a failure instead of an escaped exception.
+template <class Derived>
+class ExchangeBase : public Exchange {
+protected:
+    ExchangeBase(std::shared_ptr<Core> core, Completion completion)
+        : core_(std::move(core)), completion_(std::move(completion)) {}
+
+    std::shared_ptr<Derived> self() { return std::static_pointer_cast<Derived>(shared_from_this()); }
+
+    template <class Step>
+    void guarded(Step step) {
+        try {
+            step();
+        } catch (...) {
+            finish(failure(failureFromException(std::current_exception())));
+        }
+    }
+
+    void finish(ClientResult result) {
+        if (finished_) return;
+        finished_ = true;
+        static_cast<Derived*>(this)->release();
+        core_->finished(this);
+        auto completion = std::move(completion_);
+        completion(std::move(result));
+    }
+
+    std::shared_ptr<Core> core_;
+    bool finished_ = false;
+
+private:
+    Completion completion_;
+};
+
 // --- File bridge ----------------------------------------------------------------
 
 // One request on the file bridge: written once, then looked for every poll
-// interval on a timer, so waiting does not hold a worker thread.
-class FileBridgeExchange : public std::enable_shared_from_this<FileBridgeExchange> {
+// interval on a timer.
+class FileBridgeExchange final : public ExchangeBase<FileBridgeExchange> {
 public:
-    FileBridgeExchange(std::shared_ptr<FileSystem> fileSystem, std::filesystem::path requestsDirectory,
-                       std::filesystem::path responsesDirectory, std::string fileName, std::string payload,
-                       std::optional<double> timeout, Completion completion)
-        : fileSystem_(std::move(fileSystem)),
+    FileBridgeExchange(std::shared_ptr<Core> core, std::shared_ptr<FileSystem> fileSystem,
+                       std::filesystem::path requestsDirectory, std::filesystem::path responsesDirectory,
+                       const std::string& fileName, std::string payload, std::optional<double> timeout,
+                       Completion completion, GivenUpFlag givenUp)
+        : ExchangeBase(std::move(core), std::move(completion)),
+          fileSystem_(std::move(fileSystem)),
           requestsDirectory_(std::move(requestsDirectory)),
           responsesDirectory_(std::move(responsesDirectory)),
           requestFile_(requestsDirectory_ / fileName),
           responseFile_(responsesDirectory_ / fileName),
           payload_(std::move(payload)),
           timeout_(timeout),
-          completion_(std::move(completion)),
-          timer_(workerPool().get_executor()) {}
+          givenUp_(std::move(givenUp)),
+          timer_(core_->context()) {}
 
-    void start() {
+    void start() override {
         guarded([this] {
-            if (!writeRequest()) {
-                completion_(std::unexpected(ClientError::transportFailure(std::string(Messages::bridgeWriteFailed))));
-                return;
-            }
+            // A caller that stopped waiting before our turn came: nothing is written.
+            if (hasGivenUp(givenUp_)) return finish(fixedTransportFailure(Messages::timedOut));
+            written_ = true;
+            if (!writeRequest()) return finish(fixedTransportFailure(Messages::bridgeWriteFailed));
+            payload_ = {};
             if (timeout_) deadline_ = std::chrono::steady_clock::now() + durationFromSeconds(*timeout_);
             look();
         });
     }
 
-    // For a caller that gave up before the request was written: nothing is sent.
-    void abandon() { completion_(std::unexpected(ClientError::transportFailure(std::string(Messages::timedOut)))); }
-
-private:
-    template <class Step>
-    void guarded(Step step) {
-        try {
-            step();
-        } catch (...) {
-            completion_(std::unexpected(failureFromException(std::current_exception())));
-        }
+    void stop() override {
+        if (finished_) return;
+        // Nobody will read the answer: the agent need not ask the user.
+        if (written_) removeBothFiles();
+        finish(fixedTransportFailure(Messages::clientStopped));
     }
 
+    void release() { timer_.cancel(); }
+
+private:
     // Any failure here is reported as one fixed text; a request file that was
     // already written stays for the agent.
     bool writeRequest() {
@@ -204,31 +366,29 @@ private:
                !fs.exists(requestFile_);
     }
 
+    void removeBothFiles() {
+        (void)fileSystem_->removeItem(requestFile_);
+        (void)fileSystem_->removeItem(responseFile_);
+    }
+
     void look() {
         auto bytes = fileSystem_->readFile(responseFile_);
         if (!bytes || bytes->empty()) {
-            if (!deadline_ || std::chrono::steady_clock::now() < *deadline_) {
-                scheduleNextLook();
-                return;
-            }
-            (void)fileSystem_->removeItem(requestFile_);
-            (void)fileSystem_->removeItem(responseFile_);
-            completion_(std::unexpected(ClientError::transportFailure(std::string(Messages::timedOut))));
-            return;
+            if (!deadline_ || std::chrono::steady_clock::now() < *deadline_) return scheduleNextLook();
+            removeBothFiles();
+            return finish(fixedTransportFailure(Messages::timedOut));
         }
         auto envelope = decodeJson<QuillfortPromptBridgeResponseEnvelope>(*bytes);
-        if (!envelope) {
-            // Both files stay: whoever wrote this answer may want to see it.
-            completion_(std::unexpected(ClientError::invalidResponseDecoding()));
-            return;
-        }
+        // Both files stay: whoever wrote this answer may want to see it.
+        if (!envelope) return finish(failure(ClientError::invalidResponseDecoding()));
         (void)fileSystem_->removeItem(responseFile_);
-        completion_(resultFromEnvelope(*envelope));
+        finish(resultFromEnvelope(*envelope));
     }
 
     void scheduleNextLook() {
         timer_.expires_after(durationFromSeconds(QuillfortPromptAgentClient::responsePollInterval));
-        timer_.async_wait([self = shared_from_this()](const boost::system::error_code&) {
+        timer_.async_wait([self = self()](const boost::system::error_code& error) {
+            if (error || self->finished_) return;
             self->guarded([&self] { self->look(); });
         });
     }
@@ -240,79 +400,158 @@ private:
     std::filesystem::path responseFile_;
     std::string payload_;
     std::optional<double> timeout_;
-    Completion completion_;
+    GivenUpFlag givenUp_;
+    bool written_ = false;
     boost::asio::steady_timer timer_;
     std::optional<std::chrono::steady_clock::time_point> deadline_;
 };
 
 // --- Loopback -------------------------------------------------------------------
 
-class SocketCloser {
+// One loopback exchange: connect, one frame out, one frame back, each step
+// bounded by the submission's limit the way a blocking socket's time-outs
+// would bound each call. The socket is closed on every path.
+class LoopbackExchange final : public ExchangeBase<LoopbackExchange> {
 public:
-    explicit SocketCloser(int socket) : socket_(socket) {}
-    ~SocketCloser() { ::close(socket_); }
-    SocketCloser(const SocketCloser&) = delete;
-    SocketCloser& operator=(const SocketCloser&) = delete;
+    LoopbackExchange(std::shared_ptr<Core> core, std::string payload, std::string host, std::uint16_t port,
+                     std::optional<double> timeout, Completion completion, GivenUpFlag givenUp)
+        : ExchangeBase(std::move(core), std::move(completion)),
+          payload_(std::move(payload)),
+          host_(std::move(host)),
+          port_(port),
+          givenUp_(std::move(givenUp)),
+          socket_(core_->context()),
+          timer_(core_->context()) {
+        if (auto limit = QuillfortPromptAgentClient::loopbackSocketTimeout(timeout))
+            stepLimit_ = std::chrono::seconds(limit->tv_sec) + std::chrono::microseconds(limit->tv_usec);
+    }
+
+    void start() override {
+        guarded([this] { connect(); });
+    }
+
+    void stop() override { finish(fixedTransportFailure(Messages::clientStopped)); }
+
+    void release() {
+        timer_.cancel();
+        boost::system::error_code ignored;
+        socket_.close(ignored);
+    }
 
 private:
-    int socket_;
+    using Handler = void (LoopbackExchange::*)(const boost::system::error_code&, std::size_t);
+
+    // Completion handlers of socket operations: ignored once the exchange has
+    // ended (a time limit or the client's end closed the socket under them).
+    auto step(Handler handler) {
+        return [self = self(), handler](const boost::system::error_code& error, std::size_t count = 0) {
+            if (self->finished_) return;
+            self->guarded([&] { ((*self).*handler)(error, count); });
+        };
+    }
+
+    void connect() {
+        if (hasGivenUp(givenUp_)) return finish(fixedTransportFailure(Messages::timedOut));
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        if (fd < 0) {
+            return finish(
+                transportFailure(QuillfortPromptAgentClient::posixSocketErrorDescription(Messages::createSocketPrefix, errno)));
+        }
+        boost::system::error_code error;
+        socket_.assign(boost::asio::ip::tcp::v4(), fd, error);
+        if (error) {
+            ::close(fd);
+            return finish(socketFailure(Messages::createSocketPrefix, error));
+        }
+
+        // Dotted IPv4 text only: host names such as "localhost" are not resolved.
+        in_addr address{};
+        if (host_.find('\0') != std::string::npos || ::inet_pton(AF_INET, host_.c_str(), &address) != 1)
+            return finish(failure(ClientError::invalidEndpointData()));
+        const boost::asio::ip::tcp::endpoint endpoint(boost::asio::ip::address_v4(ntohl(address.s_addr)), port_);
+
+        armStepLimit(Messages::connectPrefix, ETIMEDOUT);
+        socket_.async_connect(endpoint, step(&LoopbackExchange::onConnected));
+    }
+
+    void onConnected(const boost::system::error_code& error, std::size_t) {
+        if (error) return finish(socketFailure(Messages::connectPrefix, error));
+        // The caller stopped waiting while we connected: the agent never sees the prompt.
+        if (hasGivenUp(givenUp_)) return finish(fixedTransportFailure(Messages::timedOut));
+        auto frame = encodeFrame(payload_);
+        if (!frame) return finish(transportFailure(frame.error().description()));
+        payload_ = std::move(*frame);
+        armStepLimit(Messages::writePrefix, EAGAIN);
+        boost::asio::async_write(socket_, boost::asio::buffer(payload_), step(&LoopbackExchange::onSent));
+    }
+
+    void onSent(const boost::system::error_code& error, std::size_t) {
+        if (error) return finish(socketFailure(Messages::writePrefix, error));
+        payload_ = {};
+        readSome();
+    }
+
+    // The answer's buffer grows with what arrives, so an announced length is
+    // never trusted for allocation.
+    void readSome() {
+        constexpr std::size_t chunkSize = 64 * 1024;
+        chunk_.resize(std::min(reader_.bytesWanted(), chunkSize));
+        armStepLimit(Messages::readPrefix, EAGAIN);
+        socket_.async_read_some(boost::asio::buffer(chunk_), step(&LoopbackExchange::onReceived));
+    }
+
+    void onReceived(const boost::system::error_code& error, std::size_t count) {
+        reader_.consume(std::span<const char>(chunk_.data(), count));
+        if (reader_.complete()) return deliver();
+        if (error == boost::asio::error::eof) return finish(fixedTransportFailure(Messages::loopbackClosedEarly));
+        if (error) return finish(socketFailure(Messages::readPrefix, error));
+        readSome();
+    }
+
+    void deliver() {
+        auto envelope = decodeJson<QuillfortPromptBridgeResponseEnvelope>(reader_.takePayload());
+        if (!envelope) return finish(transportFailure(envelope.error().description()));
+        finish(resultFromEnvelope(*envelope));
+    }
+
+    // A step that outlives the limit fails as the blocking call would have:
+    // with the step's message and the errno a socket time-out gives.
+    void armStepLimit(std::string_view prefix, int errorNumber) {
+        const auto current = ++stepNumber_;
+        if (!stepLimit_) return;
+        timer_.expires_after(*stepLimit_);
+        timer_.async_wait([self = self(), current, prefix, errorNumber](const boost::system::error_code& error) {
+            if (error || self->finished_ || self->stepNumber_ != current) return;
+            self->finish(
+                transportFailure(QuillfortPromptAgentClient::posixSocketErrorDescription(prefix, errorNumber)));
+        });
+    }
+
+    std::string payload_;  // the envelope, then its frame until sent
+    std::string host_;
+    std::uint16_t port_;
+    GivenUpFlag givenUp_;
+    std::optional<std::chrono::steady_clock::duration> stepLimit_;
+    boost::asio::ip::tcp::socket socket_;
+    boost::asio::steady_timer timer_;
+    std::uint64_t stepNumber_ = 0;
+    std::string chunk_;
+    FrameReader reader_;
 };
 
-ClientResult failure(ClientError error) { return std::unexpected(std::move(error)); }
-
-ClientResult transportFailureFromErrno(std::string_view prefix) {
-    return failure(ClientError::transportFailure(QuillfortPromptAgentClient::posixSocketErrorDescription(prefix)));
-}
-
-// One blocking exchange: connect, one frame out, one frame back. The socket is
-// closed on every path.
-ClientResult exchangeOverLoopback(const std::string& payload, const std::string& host, std::uint16_t port,
-                            std::optional<double> timeout) {
-    const int socket = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (socket < 0) return transportFailureFromErrno(Messages::createSocketPrefix);
-    SocketCloser closer(socket);
-
-    if (auto limit = QuillfortPromptAgentClient::loopbackSocketTimeout(timeout)) {
-        if (::setsockopt(socket, SOL_SOCKET, SO_RCVTIMEO, &*limit, sizeof(*limit)) != 0 ||
-            ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &*limit, sizeof(*limit)) != 0) {
-            return transportFailureFromErrno(Messages::configureSocketPrefix);
-        }
-    }
-
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    // Dotted IPv4 text only: host names such as "localhost" are not resolved.
-    if (host.find('\0') != std::string::npos || ::inet_pton(AF_INET, host.c_str(), &address.sin_addr) != 1)
-        return failure(ClientError::invalidEndpointData());
-
-    if (::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0)
-        return transportFailureFromErrno(Messages::connectPrefix);
-
-    auto frame = encodeFrame(payload);
-    if (!frame) return failure(ClientError::transportFailure(frame.error().description()));
-    std::size_t sent = 0;
-    while (sent < frame->size()) {
-        // MSG_NOSIGNAL: a peer that went away must give EPIPE, not kill the process.
-        const ssize_t count = ::send(socket, frame->data() + sent, frame->size() - sent, MSG_NOSIGNAL);
-        if (count <= 0) return transportFailureFromErrno(Messages::writePrefix);
-        sent += static_cast<std::size_t>(count);
-    }
-
-    FrameReader reader;
-    auto header = QuillfortPromptAgentClient::readExactLoopbackBytes(promptFrameHeaderSize, socket);
-    if (!header) return failure(std::move(header.error()));
-    reader.consume(*header);
-    auto body = QuillfortPromptAgentClient::readExactLoopbackBytes(reader.bytesWanted(), socket);
-    if (!body) return failure(std::move(body.error()));
-    reader.consume(*body);
-
-    auto envelope = decodeJson<QuillfortPromptBridgeResponseEnvelope>(reader.takePayload());
-    if (!envelope) return failure(ClientError::transportFailure(envelope.error().description()));
-    return resultFromEnvelope(*envelope);
+// Encodes and launches one loopback exchange; shared by the client and by the
+// fallback from a manifest's transport, which runs on the client's thread.
+void submitOverLoopback(const std::shared_ptr<PromptAgentClientCore>& core, const Clock& clock,
+                        const FlowPromptRequest& request, const std::string& host, std::uint16_t port,
+                        std::optional<double> timeout, Completion completion, GivenUpFlag givenUp) {
+    auto payload = encodedRequestEnvelope(request, clock);
+    if (!payload) return completion(failure(ClientError::invalidRequestEncoding()));
+    core->launch(std::make_shared<LoopbackExchange>(core, std::move(*payload), host, port, timeout,
+                                                    std::move(completion), std::move(givenUp)));
 }
 
 }  // namespace
+}  // namespace detail
 
 // --- Client ---------------------------------------------------------------------
 
@@ -325,7 +564,8 @@ QuillfortPromptAgentClient::QuillfortPromptAgentClient(std::shared_ptr<FileSyste
       homeDirectoryURL_(std::move(homeDirectoryURL)),
       preferredLoopbackHost_(std::move(preferredLoopbackHost)),
       preferredLoopbackPort_(preferredLoopbackPort),
-      clock_(clock ? std::move(clock) : systemClock()) {}
+      clock_(clock ? std::move(clock) : systemClock()),
+      runtime_(std::make_shared<detail::PromptAgentClientRuntime>()) {}
 
 bool QuillfortPromptAgentClient::hasUsableLoopbackEndpoint() const noexcept {
     return preferredLoopbackHost_ && !preferredLoopbackHost_->empty() && preferredLoopbackPort_;
@@ -368,8 +608,8 @@ QuillfortPromptAgentClientResult QuillfortPromptAgentClient::submitSync(const Fl
         }
         std::unique_lock guard(box->lock);
         if (!box->signal.wait_until(guard, deadline, [&box] { return box->signalled; })) {
-            // Nobody waits for the answer any more: a prompt still queued for a
-            // worker must not reach the user.
+            // Nobody waits for the answer any more: a prompt not yet sent must
+            // not reach the user.
             *givenUp = true;
             return std::unexpected(ClientError::transportFailure(std::string(Messages::timedOut)));
         }
@@ -388,10 +628,12 @@ void QuillfortPromptAgentClient::submit(const FlowPromptRequest& request, std::o
 
     if (record) {
         if (hasUsableLoopbackEndpoint()) {
-            completion = [client = *this, request, timeout, completion, givenUp](ClientResult result) {
+            // Runs on the client's thread; it holds the core, never the client,
+            // so a waiting submission does not keep the client alive.
+            completion = [core = runtime_->core(), clock = clock_, request, host = *preferredLoopbackHost_,
+                          port = *preferredLoopbackPort_, timeout, completion, givenUp](ClientResult result) {
                 if (!result && shouldFallBackToLoopback(result.error())) {
-                    client.submitUsingLoopbackTCP(request, *client.preferredLoopbackHost_,
-                                                  *client.preferredLoopbackPort_, timeout, completion, givenUp);
+                    detail::submitOverLoopback(core, *clock, request, host, port, timeout, completion, givenUp);
                     return;
                 }
                 completion(std::move(result));
@@ -400,7 +642,7 @@ void QuillfortPromptAgentClient::submit(const FlowPromptRequest& request, std::o
         if (record->transport == QuillfortPromptBridgeTransportKind::machServiceXPC)
             submitUsingMachService(request, *record, std::move(completion));
         else
-            submitUsingFileBridge(request, *record, timeout, std::move(completion), givenUp);
+            submitUsingFileBridge(request, *record, timeout, std::move(completion), std::move(givenUp));
         return;
     }
     if (hasUsableLoopbackEndpoint()) {
@@ -426,13 +668,10 @@ void QuillfortPromptAgentClient::submitUsingFileBridge(const FlowPromptRequest& 
         completion(std::unexpected(ClientError::invalidRequestEncoding()));
         return;
     }
-    auto exchange = std::make_shared<FileBridgeExchange>(fileManager_, std::move(*requestsDirectory),
-                                                         std::move(*responsesDirectory), bridgeFileName(request.id),
-                                                         std::move(*payload), timeout, std::move(completion));
-    boost::asio::post(workerPool(), [exchange, givenUp = std::move(givenUp)] {
-        if (givenUp && *givenUp) return exchange->abandon();
-        exchange->start();
-    });
+    const auto& core = runtime_->core();
+    core->launch(std::make_shared<detail::FileBridgeExchange>(
+        core, fileManager_, std::move(*requestsDirectory), std::move(*responsesDirectory), bridgeFileName(request.id),
+        std::move(*payload), timeout, std::move(completion), std::move(givenUp)));
 }
 
 void QuillfortPromptAgentClient::submitUsingMachService(const FlowPromptRequest& request,
@@ -456,25 +695,8 @@ void QuillfortPromptAgentClient::submitUsingMachService(const FlowPromptRequest&
 void QuillfortPromptAgentClient::submitUsingLoopbackTCP(const FlowPromptRequest& request, const std::string& host,
                                                         std::uint16_t port, std::optional<double> timeout,
                                                         Completion completion, GivenUp givenUp) const {
-    auto payload = encodedRequestEnvelope(request, *clock_);
-    if (!payload) {
-        completion(std::unexpected(ClientError::invalidRequestEncoding()));
-        return;
-    }
-    boost::asio::post(workerPool(), [payload = std::move(*payload), host, port, timeout,
-                                     completion = std::move(completion), givenUp = std::move(givenUp)] {
-        if (givenUp && *givenUp) {
-            completion(failure(ClientError::transportFailure(std::string(Messages::timedOut))));
-            return;
-        }
-        ClientResult result = failure(ClientError::missingResponse());
-        try {
-            result = exchangeOverLoopback(payload, host, port, timeout);
-        } catch (...) {
-            result = failure(failureFromException(std::current_exception()));
-        }
-        completion(std::move(result));
-    });
+    detail::submitOverLoopback(runtime_->core(), *clock_, request, host, port, timeout, std::move(completion),
+                               std::move(givenUp));
 }
 
 // --- Building blocks ------------------------------------------------------------
@@ -493,28 +715,6 @@ std::optional<timeval> QuillfortPromptAgentClient::loopbackSocketTimeout(
 std::string QuillfortPromptAgentClient::posixSocketErrorDescription(std::string_view prefix, int errorNumber) {
     if (const char* text = ::strerrordesc_np(errorNumber)) return fmt::format("{}: {}", prefix, text);
     return fmt::format("{}. errno={}", prefix, errorNumber);
-}
-
-std::string QuillfortPromptAgentClient::posixSocketErrorDescription(std::string_view prefix) {
-    return posixSocketErrorDescription(prefix, errno);
-}
-
-std::expected<std::string, QuillfortPromptAgentClientError> QuillfortPromptAgentClient::readExactLoopbackBytes(
-    std::size_t byteCount, int socket) {
-    constexpr std::size_t chunkSize = 64 * 1024;
-    std::string bytes;
-    while (bytes.size() < byteCount) {
-        const std::size_t held = bytes.size();
-        const std::size_t wanted = std::min(byteCount - held, chunkSize);
-        bytes.resize(held + wanted);
-        const ssize_t received = ::recv(socket, bytes.data() + held, wanted, 0);
-        if (received == 0)
-            return std::unexpected(ClientError::transportFailure(std::string(Messages::loopbackClosedEarly)));
-        if (received < 0)
-            return std::unexpected(ClientError::transportFailure(posixSocketErrorDescription(Messages::readPrefix)));
-        bytes.resize(held + static_cast<std::size_t>(received));
-    }
-    return bytes;
 }
 
 }  // namespace quillfort

@@ -63,6 +63,9 @@ inline constexpr std::string_view loopbackClosedEarly =
     "The Quillfort prompt loopback connection closed before the full payload arrived.";
 inline constexpr std::string_view bridgeWriteFailed = "Failed to write the Quillfort prompt bridge request.";
 inline constexpr std::string_view timedOut = "Timed out waiting for the Quillfort prompt agent response.";
+// The last copy of a client went away while a submission still waited.
+inline constexpr std::string_view clientStopped =
+    "The Quillfort prompt client stopped before the agent answered.";
 // Linux has no Mach services, so a manifest naming one cannot be served here;
 // the loopback fallback still applies.
 inline constexpr std::string_view machServiceUnavailable =
@@ -75,10 +78,22 @@ inline constexpr std::string_view writePrefix = "Failed to write the Quillfort p
 inline constexpr std::string_view readPrefix = "Failed to read the Quillfort prompt loopback response";
 }  // namespace QuillfortPromptAgentClientMessages
 
+namespace detail {
+class PromptAgentClientRuntime;
+}
+
 // Holds no state between calls: every submission loads the manifest afresh.
-// Copies are cheap and independent. Work runs on a small process-wide worker
-// pool; completions run on its threads unless a failure is known before any
-// work is scheduled, in which case the completion runs before `submit` returns.
+// Copies share one small runtime: a single thread running the sockets, the
+// bridge polls and the time limits of every submission as asynchronous
+// operations, so any number of prompts can wait at once without holding a
+// thread each. The thread starts with the first submission that needs it.
+//
+// Completions run on that thread, unless a failure is known before any work is
+// scheduled, in which case the completion runs before `submit` returns. A
+// completion that blocks holds up every other submission of the client, and
+// `submitSync` called from a completion cannot be answered before it gives up.
+// When the last copy goes away, submissions still waiting end with
+// `transportFailure(clientStopped)` and their bridge files are removed.
 class QuillfortPromptAgentClient {
 public:
     using Completion = std::function<void(QuillfortPromptAgentClientResult)>;
@@ -100,9 +115,10 @@ public:
     // answer as long as it takes.
     void submit(const FlowPromptRequest& request, Completion completion) const;
 
-    // Waits at most `timeoutSeconds` (the bridge and the loopback socket get the
-    // same limit). On time-out the work goes on in the background and its late
-    // result is dropped.
+    // Waits at most `timeoutSeconds` (the bridge and every step of the loopback
+    // exchange get the same limit). On time-out the work goes on in the
+    // background and its late result is dropped; a request not yet sent by then
+    // never is.
     [[nodiscard]] QuillfortPromptAgentClientResult submitSync(const FlowPromptRequest& request,
                                                               double timeoutSeconds) const;
 
@@ -113,23 +129,15 @@ public:
 
     // --- Building blocks, public for tests -----------------------------------
 
-    // The socket receive/send time-out for a submission's limit: whole seconds
-    // and the truncated microseconds (1.25 gives 1 s and 250000 µs). Nothing
-    // when there is no limit or it is not positive: the socket then blocks.
+    // The limit of each loopback step (connect, send, every receive) for a
+    // submission's limit: whole seconds and the truncated microseconds (1.25
+    // gives 1 s and 250000 µs), as a blocking socket's time-outs would be set.
+    // Nothing when there is no limit or it is not positive: the step then waits.
     [[nodiscard]] static std::optional<timeval> loopbackSocketTimeout(std::optional<double> timeoutSeconds) noexcept;
 
     // prefix + ": " + the system's text for `errorNumber`, or prefix + ". errno="
     // + the number when the system has no text for it.
     [[nodiscard]] static std::string posixSocketErrorDescription(std::string_view prefix, int errorNumber);
-    // The same for the current errno.
-    [[nodiscard]] static std::string posixSocketErrorDescription(std::string_view prefix);
-
-    // Receives exactly `byteCount` bytes from a connected socket. The buffer grows
-    // with what arrives, so an announced length is never trusted for allocation.
-    // A peer that closes early and a failing receive are transport failures;
-    // interrupted receives are not retried.
-    [[nodiscard]] static std::expected<std::string, QuillfortPromptAgentClientError> readExactLoopbackBytes(
-        std::size_t byteCount, int socket);
 
 private:
     // Set by submitSync when its caller stops waiting; work not yet sent by then never is.
@@ -149,6 +157,7 @@ private:
     std::optional<std::string> preferredLoopbackHost_;
     std::optional<std::uint16_t> preferredLoopbackPort_;
     std::shared_ptr<const Clock> clock_;
+    std::shared_ptr<detail::PromptAgentClientRuntime> runtime_;
 };
 
 }  // namespace quillfort

@@ -10,12 +10,17 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <fstream>
+#include <functional>
 #include <future>
+#include <iterator>
 #include <mutex>
+#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "contracts/FlowPromptAutomation.hpp"
 #include "contracts/PromptFrame.hpp"
 #include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
 #include "contracts/QuillfortPromptEndpointStore.hpp"
@@ -36,6 +41,12 @@ constexpr double generousTimeout = 20.0;
 
 FlowPromptRequest sampleRequest() {
     return FlowPromptRequest{testing::sampleUuid(7), testing::sampleFlowContext(), std::nullopt};
+}
+
+FlowPromptRequest requestFor(std::uint64_t id, std::string host = "api.example.com") {
+    FlowPromptRequest request{testing::sampleUuid(id), testing::sampleFlowContext(), std::nullopt};
+    request.context.matchedHostname = std::move(host);
+    return request;
 }
 
 FlowPromptResponse sampleResponse() {
@@ -74,17 +85,25 @@ bool sendAll(int socket, std::string_view bytes) {
 }
 
 // A loopback listener on an ephemeral 127.0.0.1 port that reads one request
-// frame per connection and answers with whatever bytes the test chose.
+// frame per connection and answers with the bytes the test chose, or, when the
+// test's answer is nothing, holds the connection open like an agent waiting
+// for its user.
 class StandInLoopbackAgent {
 public:
-    explicit StandInLoopbackAgent(std::string replyBytes) : reply_(std::move(replyBytes)) {
+    using Answer = std::function<std::optional<std::string>(const std::optional<QuillfortPromptBridgeRequestEnvelope>&)>;
+
+    explicit StandInLoopbackAgent(std::string replyBytes)
+        : StandInLoopbackAgent(Answer([reply = std::move(replyBytes)](const auto&) { return reply; })) {}
+
+    explicit StandInLoopbackAgent(Answer answer) : answer_(std::move(answer)) {
         listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
         socklen_t length = sizeof(address);
         if (listener_ < 0 || ::bind(listener_, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
-            ::listen(listener_, 8) != 0 || ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+            ::listen(listener_, 128) != 0 ||
+            ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
             throw std::runtime_error("cannot open the stand-in listener");
         port_ = ntohs(address.sin_port);
         thread_ = std::thread([this] { serve(); });
@@ -92,6 +111,7 @@ public:
     ~StandInLoopbackAgent() {
         stop_ = true;
         thread_.join();
+        for (const int held : held_) ::close(held);
         ::close(listener_);
     }
 
@@ -99,6 +119,7 @@ public:
 
     [[nodiscard]] std::uint16_t port() const { return port_; }
     [[nodiscard]] int connections() const { return connections_; }
+    [[nodiscard]] int heldOpen() const { return heldCount_; }
     [[nodiscard]] std::optional<QuillfortPromptBridgeRequestEnvelope> lastRequest() const {
         std::lock_guard guard(mutex_);
         return lastRequest_;
@@ -117,21 +138,29 @@ private:
                 if (received < 0) return std::unexpected(errno);
                 return static_cast<std::size_t>(received);
             });
+            std::optional<QuillfortPromptBridgeRequestEnvelope> request;
             if (payload) {
+                if (auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*payload)) request = *envelope;
                 std::lock_guard guard(mutex_);
-                if (auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*payload))
-                    lastRequest_ = *envelope;
+                lastRequest_ = request;
             }
-            (void)sendAll(client, reply_);
-            ::close(client);
+            if (auto reply = answer_(request)) {
+                (void)sendAll(client, *reply);
+                ::close(client);
+            } else {
+                held_.push_back(client);
+                ++heldCount_;
+            }
         }
     }
 
-    std::string reply_;
+    Answer answer_;
     int listener_ = -1;
     std::uint16_t port_ = 0;
     std::atomic<bool> stop_{false};
     std::atomic<int> connections_{0};
+    std::atomic<int> heldCount_{0};
+    std::vector<int> held_;  // serving thread only
     mutable std::mutex mutex_;
     std::optional<QuillfortPromptBridgeRequestEnvelope> lastRequest_;
     std::thread thread_;
@@ -157,19 +186,19 @@ protected:
         return QuillfortPromptAgentClient(fileSystem_, home_.path(), std::move(host), port);
     }
 
-    [[nodiscard]] std::filesystem::path requestFile() const {
-        return session_ / "Requests" / bridgeFileName(testing::sampleUuid(7));
+    [[nodiscard]] std::filesystem::path requestFile(std::uint64_t id = 7) const {
+        return session_ / "Requests" / bridgeFileName(testing::sampleUuid(id));
     }
-    [[nodiscard]] std::filesystem::path responseFile() const {
-        return session_ / "Responses" / bridgeFileName(testing::sampleUuid(7));
+    [[nodiscard]] std::filesystem::path responseFile(std::uint64_t id = 7) const {
+        return session_ / "Responses" / bridgeFileName(testing::sampleUuid(id));
     }
 
     // Plays the agent's side of the bridge once: waits for the request, then
     // leaves `bytes` as the answer.
-    std::future<void> answerOnce(std::string bytes) {
-        return std::async(std::launch::async, [this, bytes = std::move(bytes)] {
-            if (eventually([&] { return std::filesystem::exists(requestFile()); }))
-                (void)fileSystem_->writeFileAtomically(responseFile(), bytes);
+    std::future<void> answerOnce(std::string bytes, std::uint64_t id = 7) {
+        return std::async(std::launch::async, [this, bytes = std::move(bytes), id] {
+            if (eventually([&] { return std::filesystem::exists(requestFile(id)); }))
+                (void)fileSystem_->writeFileAtomically(responseFile(id), bytes);
         });
     }
 
@@ -381,43 +410,162 @@ TEST(QuillfortPromptAgentClient, PosixErrorDescriptionFallsBackToTheNumber) {
               "Failed to connect. errno=99999");
 }
 
-// Four prompts held by an agent that never answers occupy the client's
-// workers; a fifth whose caller gives up meanwhile must never reach the agent,
-// or the user would be asked about a flow nobody waits for.
-TEST(ClientGivingUp, APromptWhoseCallerGaveUpIsNeverSent) {
-    // Never answers: connections are accepted and left waiting.
-    const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(address);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), length), 0);
-    ASSERT_EQ(::listen(listener, 16), 0);
-    ASSERT_EQ(::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    std::vector<int> accepted;
-    const auto acceptWaiting = [&](int waitMillis) {
-        pollfd waiting{listener, POLLIN, 0};
-        while (::poll(&waiting, 1, waitMillis) > 0) accepted.push_back(::accept4(listener, nullptr, nullptr, 0));
-    };
+// The client runs completions on its one thread, so a completion that blocks
+// holds every later submission back; a caller that gives up meanwhile must
+// never have its prompt written, or the user would be asked about a flow
+// nobody waits for.
+TEST_F(ClientBridgeTest, APromptWhoseCallerGaveUpIsNeverWritten) {
+    const auto bridgeClient = client();
+    std::promise<void> holding;
+    std::promise<void> release;
+    auto answered = answerOnce(responseEnvelopeJson(sampleResponse()));
+    bridgeClient.submit(sampleRequest(), [&holding, released = release.get_future().share()](auto) {
+        holding.set_value();
+        released.wait();
+    });
+    holding.get_future().wait();
+    answered.get();
 
-    TemporaryDirectory home;
-    const QuillfortPromptAgentClient client(nullptr, home.path(), "127.0.0.1", ntohs(address.sin_port));
-    std::vector<std::thread> held;
-    for (int i = 0; i < 4; ++i) held.emplace_back([&client] { (void)client.submitSync(sampleRequest(), 2.0); });
-    ASSERT_TRUE(eventually([&] {
-        acceptWaiting(0);
-        return accepted.size() == 4;
-    }));
+    const auto late = bridgeClient.submitSync(requestFor(8), 0.2);
+    release.set_value();
+    // Submissions start in order, so once a third is answered the late one's turn has passed.
+    auto third = answerOnce(responseEnvelopeJson(sampleResponse()), 9);
+    const auto thirdResult = bridgeClient.submitSync(requestFor(9), generousTimeout);
+    third.get();
 
-    const auto late = client.submitSync(sampleRequest(), 0.2);
-    ASSERT_FALSE(late);
     EXPECT_EQ(late.error(), ClientError::transportFailure(std::string(Messages::timedOut)));
-    for (auto& thread : held) thread.join();  // their time-outs free the workers for the fifth
-    acceptWaiting(500);
-    EXPECT_EQ(accepted.size(), 4U);
-    for (const int fd : accepted) ::close(fd);
-    ::close(listener);
+    ASSERT_TRUE(thirdResult.has_value()) << thirdResult.error();
+    const auto calls = fileSystem_->calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(),
+                         FakeFileSystem::Call{FakeFileSystem::Operation::writeFileAtomically, requestFile(8), {}}),
+              0);
 }
+
+// Plays the agent's side of the bridge for as long as it lives: answers the
+// requests `answer` has an answer for and leaves the others waiting.
+class StandInBridgeAgent {
+public:
+    using Answer = std::function<std::optional<std::string>(const FlowPromptRequest&)>;
+
+    StandInBridgeAgent(std::filesystem::path session, Answer answer)
+        : session_(std::move(session)), answer_(std::move(answer)), thread_([this] { serve(); }) {}
+    ~StandInBridgeAgent() {
+        stop_ = true;
+        thread_.join();
+    }
+
+    [[nodiscard]] int heldOpen() const { return heldCount_; }
+
+private:
+    void serve() {
+        std::set<std::filesystem::path> seen;
+        while (!stop_) {
+            std::error_code error;
+            for (const auto& entry : std::filesystem::directory_iterator(session_ / "Requests", error)) {
+                if (entry.path().extension() != ".json" || seen.contains(entry.path())) continue;
+                auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(readWhole(entry.path()));
+                if (!envelope) continue;  // still being written
+                seen.insert(entry.path());
+                if (auto reply = answer_(envelope->request))
+                    writeWhole(session_ / "Responses" / entry.path().filename(), *reply);
+                else
+                    ++heldCount_;
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+    }
+
+    static std::string readWhole(const std::filesystem::path& path) {
+        std::ifstream in(path, std::ios::binary);
+        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+    }
+    static void writeWhole(const std::filesystem::path& path, std::string_view bytes) {
+        const auto temporary = path.string() + ".partial";
+        std::ofstream(temporary, std::ios::binary) << bytes;
+        std::filesystem::rename(temporary, path);
+    }
+
+    std::filesystem::path session_;
+    Answer answer_;
+    std::atomic<bool> stop_{false};
+    std::atomic<int> heldCount_{0};
+    std::thread thread_;
+};
+
+struct ManyWaitingCase {
+    std::string name;
+    bool overLoopback;
+};
+
+void PrintTo(const ManyWaitingCase& param, std::ostream* out) { *out << param.name; }
+
+class ClientManyWaitingTest : public ClientBridgeTest, public ::testing::WithParamInterface<ManyWaitingCase> {};
+
+// Sixty-four prompts wait for a user who does not come; an automated answer
+// for another flow must not queue behind them, and when the client goes away
+// every waiting submission still hears how it ended.
+TEST_P(ClientManyWaitingTest, AutomatedPromptCompletesWhileSixtyFourWait) {
+    const FlowPromptAutomationDirective automation{FlowPromptAutomationPreset::allowOnce,
+                                                   FlowPromptAutomationFocus::make("auto.example.com", std::nullopt)};
+    auto automatedAnswer = [automation](const FlowPromptRequest& request) -> std::optional<std::string> {
+        auto response = automation.makeResponseIfMatch(request);
+        if (!response) return std::nullopt;
+        return encodeCompact(QuillfortPromptBridgeResponseEnvelope{request.id, *response, std::nullopt,
+                                                                   testing::sampleDate()});
+    };
+    std::optional<StandInLoopbackAgent> loopback;
+    std::optional<StandInBridgeAgent> bridge;
+    TemporaryDirectory homeWithoutManifest;
+    std::optional<QuillfortPromptAgentClient> waitingClient;
+    if (GetParam().overLoopback) {
+        loopback.emplace(StandInLoopbackAgent::Answer(
+            [&](const std::optional<QuillfortPromptBridgeRequestEnvelope>& envelope) -> std::optional<std::string> {
+                if (!envelope) return std::string();
+                auto answer = automatedAnswer(envelope->request);
+                if (!answer) return std::nullopt;
+                return StandInLoopbackAgent::frame(*answer);
+            }));
+        waitingClient.emplace(std::make_shared<FakeFileSystem>(homeWithoutManifest.path()),
+                              homeWithoutManifest.path(), "127.0.0.1", loopback->port());
+    } else {
+        bridge.emplace(session_, automatedAnswer);
+        waitingClient.emplace(client());
+    }
+    const auto heldOpen = [&] { return loopback ? loopback->heldOpen() : bridge->heldOpen(); };
+
+    std::mutex lock;
+    std::vector<QuillfortPromptAgentClientResult> waitingResults;
+    for (std::uint64_t id = 100; id < 164; ++id) {
+        waitingClient->submit(requestFor(id), [&](QuillfortPromptAgentClientResult result) {
+            std::lock_guard guard(lock);
+            waitingResults.push_back(std::move(result));
+        });
+    }
+    ASSERT_TRUE(eventually([&] { return heldOpen() == 64; })) << heldOpen() << " prompts reached the agent";
+
+    const auto automated = waitingClient->submitSync(requestFor(1, "auto.example.com"), generousTimeout);
+
+    ASSERT_TRUE(automated.has_value()) << automated.error();
+    EXPECT_EQ(automated->promptID, testing::sampleUuid(1));
+    EXPECT_EQ(automated->action, RuleAction::allow);
+    {
+        std::lock_guard guard(lock);
+        EXPECT_TRUE(waitingResults.empty()) << "the automated answer came after a waiting one ended";
+    }
+
+    waitingClient.reset();
+    ASSERT_EQ(waitingResults.size(), 64U);
+    for (const auto& result : waitingResults)
+        EXPECT_EQ(result.error(), ClientError::transportFailure(std::string(Messages::clientStopped)));
+    if (bridge) {
+        // Nobody reads their answers any more, so their requests are withdrawn.
+        for (std::uint64_t id = 100; id < 164; ++id) EXPECT_FALSE(std::filesystem::exists(requestFile(id))) << id;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, ClientManyWaitingTest,
+                         ::testing::Values(ManyWaitingCase{"Loopback", true}, ManyWaitingCase{"FileBridge", false}),
+                         [](const auto& info) { return info.param.name; });
 
 }  // namespace
 }  // namespace quillfort
