@@ -1,39 +1,32 @@
-// The agent's server side: a fresh file-bridge session in the shared container
-// with its listener manifest, the 100 ms poll of the requests directory, the
-// loopback listener, automation commands, the rule-snapshot update for every
-// answer, and the status file. Requests hop to the main thread for the
-// coordinator; answers come back to the bridge queue to be delivered.
+// The agent's server side and the owner of its pieces: a fresh file-bridge
+// session in the shared container with its listener manifest, the file bridge,
+// the loopback server, automation commands and status publishing, and between
+// them the prompt path both transports share: requests hop to the main thread
+// for the coordinator, answers come back to the bridge queue, and the rule an
+// answer makes goes into the shared rule snapshot.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
-#include <set>
 #include <string>
-#include <vector>
 
-#include <boost/asio/steady_timer.hpp>
-
+#include "QuillfortAgent/AgentAutomationCommands.hpp"
+#include "QuillfortAgent/AgentFileBridge.hpp"
+#include "QuillfortAgent/AgentLoopbackServer.hpp"
 #include "QuillfortAgent/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/AgentPromptSession.hpp"
-#include "QuillfortAgent/AgentStatusPublisher.hpp"
+#include "QuillfortAgent/AgentStatusReporter.hpp"
+#include "QuillfortAgent/BridgePromptIntake.hpp"
 #include "QuillfortAgent/BridgeQueue.hpp"
-#include "QuillfortAgent/DirectoryWatcher.hpp"
-#include "QuillfortAgent/LoopbackConnection.hpp"
-#include "QuillfortAgent/LoopbackListener.hpp"
 #include "QuillfortAgent/LoopbackPromptError.hpp"
 #include "QuillfortAgent/MainThreadExecutor.hpp"
-#include "QuillfortAgent/Observable.hpp"
 #include "contracts/FlowPromptAutomation.hpp"
-#include "contracts/PromptAgentAutomationCommandStore.hpp"
 #include "contracts/PromptAgentStatusSnapshot.hpp"
 #include "contracts/PromptAgentStatusStore.hpp"
-#include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
 #include "contracts/QuillfortPromptEndpointStore.hpp"
 #include "contracts/RuleSnapshotStore.hpp"
 #include "platform/Clock.hpp"
@@ -69,7 +62,7 @@ public:
     static constexpr std::uint32_t defaultMaximumRequestSize = LoopbackPromptError::maximumRequestPayloadSize;
 
     static constexpr std::string_view disableLoopbackListenerVariable = "QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER";
-    static constexpr std::chrono::milliseconds pollInterval{100};
+    static constexpr std::chrono::milliseconds pollInterval = AgentFileBridge::pollInterval;
 
     // Builds the host; no file is touched and nothing is served until start().
     [[nodiscard]] static std::shared_ptr<QuillfortAgentPromptServiceHost> make(Dependencies dependencies);
@@ -110,9 +103,6 @@ public:
 private:
     explicit QuillfortAgentPromptServiceHost(Dependencies dependencies);
 
-    using StatusMutation = std::function<void(PromptAgentStatusSnapshot&)>;
-    using FrameCompletion = std::function<void(Result<std::string>)>;
-
     [[nodiscard]] Date now() const;
     [[nodiscard]] std::weak_ptr<QuillfortAgentPromptServiceHost> weakSelf() { return weak_from_this(); }
     void onMainThread(std::function<void(QuillfortAgentPromptServiceHost&)> task);
@@ -122,54 +112,23 @@ private:
     const std::optional<std::filesystem::path>& sessionDirectoryURL();
     const std::optional<std::filesystem::path>& requestDirectoryURL();
     const std::optional<std::filesystem::path>& responseDirectoryURL();
-    PromptAgentAutomationCommandStore& promptAgentAutomationCommandStore();
 
-    // Status.
-    void publishStatus(const StatusMutation& mutation);
-    void updateCoordinatorListenerStatus();
-    void recordPromptReceived();
-    void recordPromptResolved();
-    void publishPromptPresentationState();
-    [[nodiscard]] PromptAgentStatusSnapshot initialStatus() const;
-
-    // Shared by both transports.
     [[nodiscard]] VoidResult publishManifest(const std::filesystem::path& requests,
                                              const std::filesystem::path& responses);
+    void startFileBridge();
+    void startLoopbackListener();
+    void publishLoopbackReadiness(bool ready);
+
+    // The prompt path both transports share (bridge queue): the status times,
+    // an automation directive or the coordinator, and the rule an answer makes.
+    [[nodiscard]] BridgePromptIntake promptIntake();
+    void receivePrompt(FlowPromptRequest request, BridgePromptReply reply);
+    void finishPrompt(const FlowPromptRequest& request, std::optional<FlowPromptResponse> response,
+                      std::optional<std::string> errorMessage, const BridgePromptReply& reply);
     [[nodiscard]] std::optional<FlowPromptResponse> makeAutomationResponseIfNeeded(const FlowPromptRequest& request);
     void persistResolvedSnapshotIfPossible(const FlowPromptRequest& request, const FlowPromptResponse& response);
 
-    // File bridge (bridge queue).
-    void startPolling();
-    void stopPolling();
-    void schedulePoll();
-    void startWatchingDirectories();
-    // True when the poll tick must list the requests directory; see the
-    // fields it keeps below.
-    [[nodiscard]] bool requestsMayHaveChanged(const std::filesystem::path& requests);
-    void processPendingRequests();
-    void processRequest(const std::filesystem::path& url);
-    void finishRequest(const QuillfortPromptBridgeRequestEnvelope& envelope, const std::filesystem::path& requestURL,
-                       const std::optional<FlowPromptResponse>& response,
-                       const std::optional<std::string>& errorMessage);
-    void finishRequest(const Uuid& promptID, const std::filesystem::path& requestURL,
-                       const QuillfortPromptBridgeResponseEnvelope& responseEnvelope);
-    void finishInvalidRequest(const std::filesystem::path& url, const std::string& errorMessage);
-    void processPendingAutomationCommand();
-
-    // Loopback (bridge queue, except startLoopbackListener).
-    void startLoopbackListener();
-    void handleLoopbackListenerState(LoopbackListener::State state, const std::optional<Error>& error);
-    void receiveLoopbackRequest(const std::shared_ptr<LoopbackConnection>& connection);
-    void receiveLoopbackFrame(const std::shared_ptr<LoopbackConnection>& connection, FrameCompletion completion);
-    void finishLoopbackRequest(const QuillfortPromptBridgeRequestEnvelope& envelope,
-                               const std::shared_ptr<LoopbackConnection>& connection,
-                               const std::optional<FlowPromptResponse>& response,
-                               const std::optional<std::string>& errorMessage);
-    void sendLoopbackResponse(const QuillfortPromptBridgeResponseEnvelope& envelope,
-                              const std::shared_ptr<LoopbackConnection>& connection);
-
     void cancelServingOnBridgeQueue();
-    [[nodiscard]] std::string oversizeRequestMessage() const;
 
     std::shared_ptr<AgentPromptCoordinator> coordinator_;
     Logger logger_{QuillfortLogCategory::agent};
@@ -178,55 +137,28 @@ private:
     std::optional<std::filesystem::path> homeDirectoryURL_;
     std::shared_ptr<Clock> clock_;
     std::shared_ptr<UuidSource> uuids_;
-    RuleSnapshotStore ruleSnapshotStore_;
+    RuleSnapshotStore ruleSnapshotStore_;  // bridge queue only
     PromptAgentStatusStore promptAgentStatusStore_;
     std::optional<FlowPromptAutomationDirective> automationDirective_;
     bool loopbackListenerDisabled_ = false;
-    std::uint16_t requestedLoopbackPort_;
-    std::chrono::milliseconds loopbackRequestTimeout_;
-    std::uint32_t maximumRequestSize_;
     std::string sessionIdentifier_;
 
     // Declared before everything that lives on its io_context, so those go first.
     std::unique_ptr<BridgeQueue> bridgeQueue_;
 
-    // The status in memory and its file; publishing is safe from any thread and
-    // the file is written on the publisher's own thread.
-    std::unique_ptr<AgentStatusPublisher> statusPublisher_;
-    // Set while a task that hands the newest status text to the coordinator
-    // waits on the main thread; any thread.
-    std::atomic<bool> listenerStatusUpdatePosted_{false};
-
-    // Bridge queue only.
-    std::unique_ptr<boost::asio::steady_timer> pollTimer_;
-    std::chrono::steady_clock::time_point nextPollAt_{};
-    std::shared_ptr<LoopbackListener> loopbackListener_;
-    // Every accepted connection that may still be alive, above all those whose
-    // reply callback waits in the coordinator: their sockets are released on
-    // the queue before its io_context goes, whoever holds them then.
-    std::vector<std::weak_ptr<LoopbackConnection>> loopbackConnections_;
-    std::set<std::filesystem::path> pendingRequestURLs_;
-    std::shared_ptr<DirectoryWatcher> directoryWatcher_;
-    // The requests directory as the poll tick last listed it, and how many tick
-    // listings in a row found it so. A directory's time stamp is coarse, so a
-    // file made just after one listing can leave it as it was; a second listing
-    // a tick later catches that file, and only then is the directory quiet.
-    std::optional<FileIdentity> tickListedIdentity_;
-    int tickListingsAtIdentity_ = 0;
-    std::optional<std::string> lastEnumerationFailure_;
-    std::atomic<std::uint16_t> boundLoopbackPort_{0};
+    // The four collaborators, each with the state it alone touches; their
+    // comments say on which threads they run.
+    std::shared_ptr<AgentStatusReporter> statusReporter_;
+    std::shared_ptr<AgentFileBridge> fileBridge_;
+    std::shared_ptr<AgentLoopbackServer> loopbackServer_;
+    std::shared_ptr<AgentAutomationCommands> automationCommands_;  // made in start(), once its location is known
 
     // Main thread only.
     bool started_ = false;
     bool keepFilesOnTeardown_ = false;
-    bool presentationRepublishPosted_ = false;  // one republish waits at a time
-    Subscription activePromptObserver_;
-    Subscription promptWindowVisibilityObserver_;
-
     std::optional<std::optional<std::filesystem::path>> sessionDirectoryURL_;
     std::optional<std::optional<std::filesystem::path>> requestDirectoryURL_;
     std::optional<std::optional<std::filesystem::path>> responseDirectoryURL_;
-    std::optional<PromptAgentAutomationCommandStore> promptAgentAutomationCommandStore_;
 };
 
 }  // namespace quillfort
