@@ -7,7 +7,7 @@
 set -euo pipefail
 
 packages=(
-  g++ cmake ninja-build pkg-config ccache git
+  g++ cmake ninja-build pkg-config ccache git python3
   libboost1.81-dev libboost-json1.81-dev
   libfmt-dev libsystemd-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
