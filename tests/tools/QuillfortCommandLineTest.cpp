@@ -102,7 +102,7 @@ TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndExplain) {
 }
 
 TEST_F(CommandLineTest, EveryCommandHasHelp) {
-    for (std::string command : {"prompt", "status", "answer", "rules"}) {
+    for (std::string command : {"prompt", "status", "answer", "rules", "watch"}) {
         auto invocation = run({command, "--help"});
         EXPECT_EQ(invocation.status, CL::exitSuccess) << command;
         EXPECT_NE(invocation.out.find("quillfort " + command), std::string::npos) << invocation.out;
