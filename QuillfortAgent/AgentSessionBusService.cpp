@@ -281,6 +281,8 @@ struct AgentSessionBusService::Core : std::enable_shared_from_this<Core> {
             auto selection = TrafficPromptViewModel::selectingHostScope(session, argument);
             if (!selection) return invalid("Not a host scope of this prompt: \"" + argument + "\"");
             coordinator->setRuleSelection(id, std::move(*selection));
+        } else if (member == bus::setReuseExistingSignerRule) {
+            coordinator->setReuseExistingSignerRule(id, argument == "true");
         } else if (member == bus::setRuleSelection) {
             auto selection = decodeJson<FlowPromptRuleSelection>(argument);
             if (!selection) return invalid("Not a rule selection: " + selection.error().description());
@@ -293,10 +295,17 @@ struct AgentSessionBusService::Core : std::enable_shared_from_this<Core> {
 
     static int onCall(sd_bus_message* message, void* userdata, sd_bus_error*) {
         auto* core = static_cast<Core*>(userdata);
-        // sd-bus has checked the arguments against the table: only strings.
+        // sd-bus has checked the arguments against the table: strings, and one
+        // boolean, which travels on as "true" or "false".
         std::vector<std::string> args;
         const std::string_view signature = sd_bus_message_get_signature(message, 1);
-        for (std::size_t i = 0; i < signature.size(); ++i) {
+        for (const char type : signature) {
+            if (type == 'b') {
+                int flag = 0;
+                if (const int r = sd_bus_message_read_basic(message, 'b', &flag); r <= 0) return r < 0 ? r : -EINVAL;
+                args.emplace_back(flag != 0 ? "true" : "false");
+                continue;
+            }
             const char* text = nullptr;
             if (const int r = sd_bus_message_read_basic(message, 's', &text); r <= 0) return r < 0 ? r : -EINVAL;
             args.emplace_back(text);
@@ -352,6 +361,8 @@ const sd_bus_vtable agentVtable[] = {
     SD_BUS_METHOD_WITH_NAMES("SetPreset", "ss", SD_BUS_PARAM(id) SD_BUS_PARAM(preset), "", "", Core::onCall, 0),
     SD_BUS_METHOD_WITH_NAMES("SetHostScope", "ss", SD_BUS_PARAM(id) SD_BUS_PARAM(scope), "", "", Core::onCall, 0),
     SD_BUS_METHOD_WITH_NAMES("SetRuleSelection", "ss", SD_BUS_PARAM(id) SD_BUS_PARAM(selection), "", "",
+                             Core::onCall, 0),
+    SD_BUS_METHOD_WITH_NAMES("SetReuseExistingSignerRule", "sb", SD_BUS_PARAM(id) SD_BUS_PARAM(reuse), "", "",
                              Core::onCall, 0),
     SD_BUS_METHOD_WITH_NAMES("Resolve", "ss", SD_BUS_PARAM(id) SD_BUS_PARAM(preset), "", "", Core::onCall, 0),
     SD_BUS_METHOD_WITH_NAMES("Cancel", "s", SD_BUS_PARAM(id), "", "", Core::onCall, 0),

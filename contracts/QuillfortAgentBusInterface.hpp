@@ -15,6 +15,7 @@ inline constexpr const char* interfaceName = "com.vessimo.Quillfort.Agent";
 //   SetPreset(s id, s preset)     camel-case preset such as "allowSession"
 //   SetHostScope(s id, s scope)   an id of the prompt's "hostScopeOptions"
 //   SetRuleSelection(s id, s selection)   a rule selection as JSON
+//   SetReuseExistingSignerRule(s id, b reuse)   "Reuse Existing" (true) or "Separate Rule"
 //   Resolve(s id, s preset)       "" answers with the prompt's current choice
 //   Cancel(s id)
 //   CancelAll()
@@ -28,6 +29,7 @@ inline constexpr const char* getPrompt = "GetPrompt";
 inline constexpr const char* setPreset = "SetPreset";
 inline constexpr const char* setHostScope = "SetHostScope";
 inline constexpr const char* setRuleSelection = "SetRuleSelection";
+inline constexpr const char* setReuseExistingSignerRule = "SetReuseExistingSignerRule";
 inline constexpr const char* resolve = "Resolve";
 inline constexpr const char* cancel = "Cancel";
 inline constexpr const char* cancelAll = "CancelAll";
