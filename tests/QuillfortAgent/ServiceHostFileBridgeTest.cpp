@@ -28,6 +28,14 @@ std::optional<PromptAgentStatusSnapshot> statusOnDisk(ServiceHostHarness& harnes
     return *loaded;
 }
 
+// How often the requests directory has been listed so far.
+std::ptrdiff_t listings(ServiceHostHarness& harness) {
+    const auto calls = harness.fakeFileSystem->calls();
+    return std::count_if(calls.begin(), calls.end(), [](const FakeFileSystem::Call& call) {
+        return call.operation == FakeFileSystem::Operation::listDirectory;
+    });
+}
+
 // --- Start-up and status texts ------------------------------------------------
 
 struct StartCase {
@@ -178,6 +186,15 @@ TEST(ServiceHostFileBridge, FocusElsewhereLeavesThePromptToTheCoordinator) {
     ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(2)));
     EXPECT_FALSE(harness.response(sampleUuid(2)));
     EXPECT_TRUE(harness.fileSystem->exists(requestFile));
+    // Still in the directory while it waits, the file is not handed on again by
+    // later polls: one more listing and what follows it on the serial queue, so
+    // a second hand-off would be waiting on the main thread by then.
+    const auto seen = listings(harness);
+    ASSERT_TRUE(harness.runUntil([&] { return listings(harness) > seen; }));
+    const auto later = harness.fakeFileSystem->calls().size();
+    ASSERT_TRUE(harness.runUntil([&] { return harness.fakeFileSystem->calls().size() > later + 2; }));
+    harness.mainContext.poll();
+    EXPECT_EQ(harness.logCount("Queued prompt " + sampleUuid(2).uppercaseString() + " for api.example.com."), 1u);
 
     harness.coordinator->resolvePrompt(sampleUuid(2), AgentPromptDecisionPreset::blockOnce);
     ASSERT_TRUE(harness.waitForResponse(sampleUuid(2)));
@@ -570,14 +587,8 @@ TEST(ServiceHostFileBridge, RemovedRequestsDirectoryIsLoggedOnceWhilePollingGoes
     const std::string failure = "Failed to enumerate prompt bridge requests: ";
     ASSERT_TRUE(harness.waitForLog(failure));
 
-    auto listings = [&] {
-        const auto calls = harness.fakeFileSystem->calls();
-        return std::count_if(calls.begin(), calls.end(), [](const FakeFileSystem::Call& call) {
-            return call.operation == FakeFileSystem::Operation::listDirectory;
-        });
-    };
-    const auto seen = listings();
-    ASSERT_TRUE(harness.runUntil([&] { return listings() >= seen + 3; }));
+    const auto seen = listings(harness);
+    ASSERT_TRUE(harness.runUntil([&] { return listings(harness) >= seen + 3; }));
     const auto records = harness.logs.records();
     EXPECT_EQ(std::count_if(records.begin(), records.end(),
                             [&](const auto& record) { return record.message.starts_with(failure); }),

@@ -1,14 +1,8 @@
 // A service host in a temporary home with a real coordinator, its main thread
 // being the test's own thread (an io_context the test runs while it waits),
-// and helpers that act as the filter side would: request files, command files
-// and loopback connections.
+// and helpers that act as the filter side would: request files and command
+// files (the loopback client, frames and samples are the agent sandbox's).
 #pragma once
-
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <sys/time.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
@@ -34,6 +28,7 @@
 #include "model/Json.hpp"
 #include "platform/InMemoryUserDefaults.hpp"
 #include "support/LogSink.hpp"
+#include "tests/testsupport/AgentSandbox.hpp"
 #include "tests/testsupport/FakeFileSystem.hpp"
 #include "tests/testsupport/ModelSamples.hpp"
 #include "tests/testsupport/SequentialUuidSource.hpp"
@@ -41,7 +36,6 @@
 
 namespace quillfort::testing {
 
-using Environment = std::map<std::string, std::string>;
 using namespace std::chrono_literals;
 
 // Generous: the machine may be busy compiling; nothing is asserted on time.
@@ -51,18 +45,6 @@ class NoRules final : public RuleSnapshotReader {
 public:
     [[nodiscard]] std::vector<Rule> currentRules() override { return {}; }
 };
-
-inline FlowPromptRequest sampleRequest(std::uint64_t n, const std::string& host = "api.example.com") {
-    FlowPromptRequest request{.id = sampleUuid(n), .context = sampleFlowContext(), .suggestedRule = {}};
-    request.context.matchedHostname = host;
-    request.context.flow.hostText = host;
-    return request;
-}
-
-inline QuillfortPromptBridgeRequestEnvelope sampleEnvelope(std::uint64_t n,
-                                                           const std::string& host = "api.example.com") {
-    return {.request = sampleRequest(n, host), .createdAt = sampleDate()};
-}
 
 struct ServiceHostOptions {
     Environment environment = {};
@@ -223,74 +205,5 @@ public:
     std::shared_ptr<AgentPromptCoordinator> coordinator;
     std::shared_ptr<QuillfortAgentPromptServiceHost> host;
 };
-
-// A blocking loopback client with receive and send time-outs, so a test that
-// goes wrong fails instead of hanging.
-class LoopbackTestClient {
-public:
-    explicit LoopbackTestClient(std::uint16_t port) {
-        descriptor_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        timeval timeout{.tv_sec = waitDeadline.count(), .tv_usec = 0};
-        ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
-        ::setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_port = htons(port);
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        connected_ = ::connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
-    }
-    ~LoopbackTestClient() {
-        if (descriptor_ >= 0) ::close(descriptor_);
-    }
-    LoopbackTestClient(const LoopbackTestClient&) = delete;
-    LoopbackTestClient& operator=(const LoopbackTestClient&) = delete;
-
-    [[nodiscard]] bool connected() const noexcept { return connected_; }
-
-    bool send(std::string_view bytes) {
-        while (!bytes.empty()) {
-            const auto sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-            if (sent <= 0) return false;
-            bytes.remove_prefix(static_cast<std::size_t>(sent));
-        }
-        return true;
-    }
-
-    void finishSending() { ::shutdown(descriptor_, SHUT_WR); }
-
-    // Everything until the agent closes the connection; nothing on a time-out.
-    [[nodiscard]] std::optional<std::string> receiveAll() {
-        std::string received;
-        char buffer[4096];
-        while (true) {
-            const auto count = ::recv(descriptor_, buffer, sizeof buffer, 0);
-            if (count == 0) return received;
-            if (count < 0) return std::nullopt;
-            received.append(buffer, static_cast<std::size_t>(count));
-        }
-    }
-
-private:
-    int descriptor_ = -1;
-    bool connected_ = false;
-};
-
-// The 4-byte big-endian length header for `length`.
-inline std::string frameHeader(std::uint32_t length) {
-    return std::string{static_cast<char>(length >> 24), static_cast<char>(length >> 16),
-                       static_cast<char>(length >> 8), static_cast<char>(length)};
-}
-
-// The response envelope inside a whole frame, when it is one.
-inline std::optional<QuillfortPromptBridgeResponseEnvelope> decodeResponseFrame(const std::string& frame) {
-    if (frame.size() < 4) return std::nullopt;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(frame.data());
-    const std::uint32_t length = (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
-                                 (std::uint32_t{bytes[2]} << 8) | std::uint32_t{bytes[3]};
-    if (frame.size() != 4 + std::size_t{length}) return std::nullopt;
-    auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(std::string_view(frame).substr(4));
-    if (!decoded) return std::nullopt;
-    return *decoded;
-}
 
 }  // namespace quillfort::testing

@@ -1,4 +1,4 @@
-#include "tests/tools/ChildProcess.hpp"
+#include "tests/testsupport/ChildProcess.hpp"
 
 #include <fcntl.h>
 #include <signal.h>

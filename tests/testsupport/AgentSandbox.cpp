@@ -1,0 +1,241 @@
+#include "tests/testsupport/AgentSandbox.hpp"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+
+#include "contracts/PromptAgentAutomationCommand.hpp"
+#include "contracts/PromptFrame.hpp"
+#include "contracts/QuillfortPromptListenerRecord.hpp"
+#include "model/Json.hpp"
+#include "platform/LoginSessions.hpp"
+#include "tests/testsupport/ModelSamples.hpp"
+
+namespace quillfort::testing {
+
+namespace fs = std::filesystem;
+
+FlowPromptRequest sampleRequest(std::uint64_t n, const std::string& host) {
+    FlowPromptRequest request{.id = sampleUuid(n), .context = sampleFlowContext(), .suggestedRule = {}};
+    request.context.matchedHostname = host;
+    request.context.flow.hostText = host;
+    return request;
+}
+
+QuillfortPromptBridgeRequestEnvelope sampleEnvelope(std::uint64_t n, const std::string& host) {
+    return {.request = sampleRequest(n, host), .createdAt = sampleDate()};
+}
+
+std::optional<std::string> readText(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) return std::nullopt;
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void writeAtomically(const fs::path& path, const std::string& bytes) {
+    const auto temporary = path.parent_path() / ("." + path.filename().string() + ".partial");
+    std::ofstream(temporary, std::ios::binary | std::ios::trunc) << bytes;
+    fs::rename(temporary, path);
+}
+
+std::uint16_t freeLoopbackPort() {
+    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    std::uint16_t port = 0;
+    if (::bind(probe, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
+        ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
+        port = ntohs(address.sin_port);
+    }
+    ::close(probe);
+    return port;
+}
+
+// --- Loopback client -----------------------------------------------------------------
+
+LoopbackTestClient::LoopbackTestClient(std::uint16_t port) {
+    descriptor_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval timeout{.tv_sec = processDeadline.count(), .tv_usec = 0};
+    ::setsockopt(descriptor_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    ::setsockopt(descriptor_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    connected_ = ::connect(descriptor_, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+}
+
+LoopbackTestClient::~LoopbackTestClient() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+}
+
+bool LoopbackTestClient::send(std::string_view bytes) {
+    while (!bytes.empty()) {
+        const auto sent = ::send(descriptor_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (sent <= 0) return false;
+        bytes.remove_prefix(static_cast<std::size_t>(sent));
+    }
+    return true;
+}
+
+void LoopbackTestClient::finishSending() { ::shutdown(descriptor_, SHUT_WR); }
+
+std::optional<std::string> LoopbackTestClient::receiveAll() {
+    std::string received;
+    char buffer[4096];
+    while (true) {
+        const auto count = ::recv(descriptor_, buffer, sizeof buffer, 0);
+        if (count == 0) return received;
+        if (count < 0) return std::nullopt;
+        received.append(buffer, static_cast<std::size_t>(count));
+    }
+}
+
+std::optional<std::string> exchangeFrames(std::uint16_t port, const std::vector<std::string>& pieces) {
+    LoopbackTestClient client(port);
+    if (!client.connected()) return std::nullopt;
+    for (const auto& piece : pieces) {
+        if (!client.send(piece)) return std::nullopt;
+    }
+    client.finishSending();
+    return client.receiveAll();
+}
+
+std::string frameHeader(std::uint32_t length) {
+    return std::string{static_cast<char>(length >> 24), static_cast<char>(length >> 16),
+                       static_cast<char>(length >> 8), static_cast<char>(length)};
+}
+
+std::optional<QuillfortPromptBridgeResponseEnvelope> decodeResponseFrame(const std::string& frame) {
+    if (frame.size() < 4) return std::nullopt;
+    const auto* bytes = reinterpret_cast<const unsigned char*>(frame.data());
+    const std::uint32_t length = (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
+                                 (std::uint32_t{bytes[2]} << 8) | std::uint32_t{bytes[3]};
+    if (frame.size() != 4 + std::size_t{length}) return std::nullopt;
+    auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(std::string_view(frame).substr(4));
+    if (!decoded) return std::nullopt;
+    return *decoded;
+}
+
+// --- The sandbox -----------------------------------------------------------------------
+
+AgentSandbox::AgentSandbox() { fs::create_directories(home() / "output"); }
+
+fs::path AgentSandbox::buildDirectory() {
+    if (const char* build = std::getenv("QUILLFORT_BUILD_DIR"); build && *build) return build;
+    // Run by hand from the build tree: <build>/tests/<folder>/<binary>.
+    return fs::read_symlink("/proc/self/exe").parent_path().parent_path().parent_path();
+}
+
+namespace {
+
+fs::path agentExecutable() { return AgentSandbox::buildDirectory() / "QuillfortAgent" / "quillfort-agent"; }
+fs::path toolExecutable() { return AgentSandbox::buildDirectory() / "tools" / "quillfort"; }
+
+}  // namespace
+
+std::optional<std::string> AgentSandbox::skipReason() {
+    if (LoginSessions::activeConsoleUser()) return "a console user is signed in on this machine";
+    if (!fs::exists(agentExecutable())) return agentExecutable().string() + " is not built";
+    return std::nullopt;
+}
+
+Environment AgentSandbox::environment() const {
+    Environment variables{
+        {"HOME", home().string()},
+        {"XDG_CONFIG_HOME", (home() / ".config").string()},
+        {"TMPDIR", home().string()},
+        {"PATH", "/usr/bin:/bin"},
+    };
+    if (const char* path = std::getenv("PATH")) variables["PATH"] = path;
+    return variables;
+}
+
+ChildProcess AgentSandbox::startAgent(const std::vector<std::string>& arguments) {
+    auto started = ChildProcess::start(agentExecutable(), arguments, environment(), home() / "output");
+    if (!started) throw std::runtime_error(started.error());
+    return std::move(*started);
+}
+
+ChildProcess& AgentSandbox::launchAgent(const Environment& extra, const std::vector<std::string>& arguments) {
+    port_ = freeLoopbackPort();
+    auto variables = environment();
+    for (const auto& [name, value] : extra) variables[name] = value;
+    std::vector<std::string> all{"--headless", "--loopback-port", std::to_string(port_)};
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    auto started = ChildProcess::start(agentExecutable(), all, variables, home() / "output");
+    if (!started) throw std::runtime_error(started.error());
+    agent_ = std::make_unique<ChildProcess>(std::move(*started));
+
+    const bool ready = eventually([&] {
+        const auto current = status();
+        return current && current->manifestPublished && current->loopbackListenerReady;
+    });
+    if (!ready) throw std::runtime_error("the agent did not become ready:\n" + agentLog());
+    if (auto record = decodeJson<QuillfortPromptListenerRecord>(readText(manifestFile()).value_or(""))) {
+        requests_ = *record->requestsDirectoryURL();
+        responses_ = *record->responsesDirectoryURL();
+    }
+    return *agent_;
+}
+
+bool AgentSandbox::waitForAgentLog(const std::string& fragment) {
+    return eventually([&] { return agentLog().find(fragment) != std::string::npos; });
+}
+
+ChildProcess AgentSandbox::startTool(std::vector<std::string> arguments) const {
+    arguments.insert(arguments.begin() + 1, {"--home", home().string()});
+    auto tool = ChildProcess::start(toolExecutable(), arguments, environment(), home() / "output");
+    if (!tool) throw std::runtime_error(tool.error());
+    return std::move(*tool);
+}
+
+AgentSandbox::ToolRun AgentSandbox::runTool(const std::vector<std::string>& arguments) const {
+    ChildProcess tool = startTool(arguments);
+    ToolRun run;
+    run.status = tool.waitFor(std::chrono::milliseconds(3 * processDeadline));
+    run.out = tool.standardOutput();
+    run.err = tool.standardError();
+    return run;
+}
+
+fs::path AgentSandbox::container() const {
+    return home() / "Library" / "Group Containers" / "group.com.vessimo.Quillfort.shared";
+}
+
+std::optional<PromptAgentStatusSnapshot> AgentSandbox::status() const {
+    auto decoded = decodeJson<PromptAgentStatusSnapshot>(readText(statusFile()).value_or(""));
+    return decoded ? std::optional(*decoded) : std::nullopt;
+}
+
+fs::path AgentSandbox::submit(std::uint64_t n, const std::string& host) {
+    const auto path = requests_ / bridgeFileName(sampleUuid(n));
+    writeAtomically(path, encodeCompact(sampleEnvelope(n, host)));
+    return path;
+}
+
+std::optional<QuillfortPromptBridgeResponseEnvelope> AgentSandbox::awaitResponse(std::uint64_t n) {
+    const auto path = responses_ / bridgeFileName(sampleUuid(n));
+    if (!eventually([&] { return fs::exists(path); })) return std::nullopt;
+    auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(readText(path).value_or(""));
+    return decoded ? std::optional(*decoded) : std::nullopt;
+}
+
+bool AgentSandbox::awaitQueued(std::uint64_t n) {
+    return waitForAgentLog("Queued prompt " + sampleUuid(n).uppercaseString());
+}
+
+void AgentSandbox::command(std::uint64_t n, FlowPromptAutomationPreset preset) {
+    writeAtomically(commandFile(), encodePretty(PromptAgentAutomationCommand{
+                                       .promptID = sampleUuid(n), .preset = preset, .createdAt = sampleDate()}));
+}
+
+}  // namespace quillfort::testing
