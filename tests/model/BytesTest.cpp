@@ -36,6 +36,7 @@ TEST(Bytes, DecodingIsStrict) {
          }) {
         EXPECT_EQ(Bytes::fromBase64(text), std::nullopt) << text;
     }
+    EXPECT_EQ(Bytes::fromBase64(std::string_view("Zm9\0", 4)), std::nullopt);  // NUL is no digit either
 }
 
 }  // namespace

@@ -153,21 +153,6 @@ TEST(FlowContext, HostAndPortPreferTheMostSpecificSource) {
     }
 }
 
-TEST(FlowContext, EqualityAndHashingCoverNestedValues) {
-    const auto base = sampleFlowContext();
-    auto tags = base;
-    tags.ancestorChain[1].tags.insert(ProcessTag::ssh);
-    auto order = base;
-    std::swap(order.ancestorChain[0], order.ancestorChain[2]);
-    auto endpoint = base;
-    endpoint.flow.localEndpoint->port += 1;
-    for (const auto* other : {&tags, &order, &endpoint}) {
-        EXPECT_NE(*other, base);
-        EXPECT_NE(std::hash<FlowContext>{}(*other), std::hash<FlowContext>{}(base));
-    }
-    EXPECT_EQ(std::hash<FlowContext>{}(sampleFlowContext()), std::hash<FlowContext>{}(base));
-}
-
 TEST(FlowEnumerations, RawStringsAndOrder) {
     auto raw = [](auto cases) {
         std::vector<std::string_view> out;

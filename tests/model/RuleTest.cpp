@@ -176,36 +176,6 @@ TEST(Rule, NullNotesAndUnknownKeysAreAccepted) {
     EXPECT_EQ(decodeJson<Rule>(serializeCompact(object)), sampleRule());
 }
 
-TEST(RuleConditions, EqualityNeedsTheSameAlternativeAndValue) {
-    EXPECT_EQ(RuleSubject::bundleID("x"), RuleSubject::bundleID("x"));
-    EXPECT_NE(RuleSubject::bundleID("x"), RuleSubject::ancestorBundleID("x"));
-    EXPECT_NE(RuleSubject::bundleID("x"), RuleSubject::bundleID("X"));
-    EXPECT_NE(RuleSubject::processTag(ProcessTag::git), RuleSubject::ancestorProcessTag(ProcessTag::git));
-    EXPECT_NE(RuleDestination::hostnameExact("a.com"), RuleDestination::hostnameSuffix("a.com"));
-    EXPECT_NE(RuleDestination::portExact(80), RuleDestination::portRange({80, 80}));
-
-    std::unordered_set<RuleSubject> subjects{RuleSubject::bundleID("x"), RuleSubject::ancestorBundleID("x"),
-                                             RuleSubject::bundleID("x"), RuleSubject::ttyPresent(true),
-                                             RuleSubject::ttyPresent(false)};
-    EXPECT_EQ(subjects.size(), 4u);
-    std::unordered_set<RuleDestination> destinations{RuleDestination::portExact(80), RuleDestination::portExact(80),
-                                                     RuleDestination::portRange({80, 80}),
-                                                     RuleDestination::portRange({80, 81})};
-    EXPECT_EQ(destinations.size(), 3u);
-}
-
-TEST(Rule, EqualityAndHashingCoverConditionOrder) {
-    const auto base = sampleRule();
-    auto reordered = base;
-    std::swap(reordered.destination[0], reordered.destination[2]);
-    auto annotated = base;
-    annotated.notes = "";
-    EXPECT_NE(reordered, base);
-    EXPECT_NE(annotated, base);
-    std::unordered_set<Rule> rules{base, sampleRule(), reordered, annotated};
-    EXPECT_EQ(rules.size(), 3u);
-}
-
 TEST(PortRange, ContainsBothBoundsAndNothingWhenInverted) {
     struct Case {
         PortRange range;

@@ -56,6 +56,7 @@ TYPED_TEST(UserDefaultsContract, StoresReplacesAndRemovesValues) {
 
 TYPED_TEST(UserDefaultsContract, RefusesBytesThatAreNotUtf8AndKeepsThePreviousValue) {
     auto& defaults = *this->defaults;
+    EXPECT_TRUE(defaults.setString("k\xc3\xa9", "\xc3\xa9 \xe2\x82\xac \xf0\x9f\x98\x80"));  // 2, 3 and 4 bytes
     ASSERT_TRUE(defaults.setData(preferenceKey, "{}"));
     for (std::string_view bad : {"\xff", "\xc0\xaf", "\xed\xa0\x80", "ok\xe2\x82"}) {
         auto stored = defaults.setData(preferenceKey, bad);

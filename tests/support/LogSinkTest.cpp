@@ -1,37 +1,11 @@
 #include "support/LogSink.hpp"
 
-#include <ctime>
-
 #include <gtest/gtest.h>
 
 #include "support/QuillfortLogger.hpp"
 
 namespace quillfort {
 namespace {
-
-std::chrono::system_clock::time_point localTime(int year, int month, int day, int hour, int minute,
-                                                int second, int millis) {
-    std::tm tm{};
-    tm.tm_year = year - 1900;
-    tm.tm_mon = month - 1;
-    tm.tm_mday = day;
-    tm.tm_hour = hour;
-    tm.tm_min = minute;
-    tm.tm_sec = second;
-    tm.tm_isdst = -1;
-    return std::chrono::system_clock::from_time_t(std::mktime(&tm)) + std::chrono::milliseconds(millis);
-}
-
-TEST(StderrLogSink, LineHasLocalTimeLevelSubsystemCategoryAndMessage) {
-    LogRecord record{localTime(2026, 11, 22, 22, 31, 5, 7), "com.vessimo.Quillfort", "agent",
-                     LogLevel::defaultLevel, "Queued prompt A for b."};
-    EXPECT_EQ(StderrLogSink::formatLine(record), "2026-11-22 22:31:05.007 default [com.vessimo.Quillfort:agent] Queued prompt A for b.");
-    record.level = LogLevel::error;
-    record.subsystem = "com.example.Other";
-    record.category = "ipc";
-    EXPECT_EQ(StderrLogSink::formatLine(record),
-              "2026-11-22 22:31:05.007 error [com.example.Other:ipc] Queued prompt A for b.");
-}
 
 TEST(DefaultLogSink, PicksJournalOnlyUnderJournalOrWhenAsked) {
     struct Case {
