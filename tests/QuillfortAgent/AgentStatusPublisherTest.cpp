@@ -46,7 +46,7 @@ TEST(AgentStatusPublisher, QueueEntriesFollowEveryChangeOfTheirSession) {
     sessions[1].selectedPreset = AgentPromptDecisionPreset::allowSession;
     publisher.publishPresentation(sessions, true);
     EXPECT_THAT(previews(), ElementsAre("Temporary allow decision", previewOf(sessions[1]), "Temporary drop decision"));
-    EXPECT_THAT(previewOf(sessions[1]), ::testing::StartsWith("allow session "));
+    EXPECT_EQ(previewOf(sessions[1]), "allow session " + sessions[1].suggestedRule()->name);
 
     sessions.erase(sessions.begin());
     sessions.push_back(queuedSession(1, AgentPromptDecisionPreset::blockSession));  // same id, asked again

@@ -479,17 +479,6 @@ INSTANTIATE_TEST_SUITE_P(
                      "unknown-host", std::nullopt, "curl"}),
     [](const auto& info) { return info.param.name; });
 
-TEST(ServiceHostPromptSnapshot, PreviewNamesTheRuleOrTheTemporaryDecision) {
-    const auto lasting = sessionFor(sampleRequest(1), AgentPromptDecisionPreset::allowSession);
-    const auto rule = lasting.suggestedRule();
-    ASSERT_TRUE(rule);
-    EXPECT_EQ(QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(lasting).previewText,
-              "allow session " + rule->name);
-
-    const auto once = sessionFor(sampleRequest(1), AgentPromptDecisionPreset::blockOnce);
-    EXPECT_EQ(QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(once).previewText, "Temporary drop decision");
-}
-
 // --- Teardown ------------------------------------------------------------------------
 
 TEST(ServiceHostTeardown, DestroyingAStartedHostRemovesWhatItPublished) {
