@@ -33,15 +33,7 @@ std::uint16_t startListening(ServiceHostHarness& harness, Environment environmen
 // The client blocks on its socket, so it runs beside the test thread, which
 // keeps running the main thread for the coordinator meanwhile.
 std::future<std::optional<std::string>> exchangeInBackground(std::uint16_t port, std::vector<std::string> pieces) {
-    return std::async(std::launch::async, [port, pieces = std::move(pieces)]() -> std::optional<std::string> {
-        LoopbackTestClient client(port);
-        if (!client.connected()) return std::nullopt;
-        for (const auto& piece : pieces) {
-            if (!client.send(piece)) return std::nullopt;
-        }
-        client.finishSending();
-        return client.receiveAll();
-    });
+    return std::async(std::launch::async, [port, pieces = std::move(pieces)] { return exchangeFrames(port, pieces); });
 }
 
 std::optional<std::string> awaitReply(ServiceHostHarness& harness, std::future<std::optional<std::string>>& reply) {
