@@ -83,7 +83,7 @@ struct AgentPromptCoordinator::Impl {
     }
 
     AgentPromptSession makeSession(const FlowPromptRequest& request) {
-        return makeSession(request, StoredPromptPreference::load(*deps.userDefaults), deps.rules->currentRules());
+        return makeSession(request, StoredPromptPreference::load(*deps.userDefaults), *deps.rules->currentRules());
     }
 
     // With the preference and rules already read, so a batch reads them once.
@@ -395,10 +395,10 @@ void AgentPromptCoordinator::seedPreviewPromptIfRequested(const ProcessInfo& pro
     FlowPromptRequest request = AgentPreviewPrompts::makePreviewPromptRequest(
         processInfo, *impl.deps.userDefaults, impl.deps.clock->now(), *impl.deps.uuids);
     const auto preference = StoredPromptPreference::load(*impl.deps.userDefaults);
-    const std::vector<Rule> rules = impl.deps.rules->currentRules();
+    const auto rules = impl.deps.rules->currentRules();
     for (std::int64_t i = 0; i < count; ++i) {
         request.id = impl.deps.uuids->next();
-        impl.enqueuePreviewPrompt(request, preference, rules);
+        impl.enqueuePreviewPrompt(request, preference, *rules);
     }
 }
 

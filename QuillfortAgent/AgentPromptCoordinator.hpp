@@ -26,10 +26,15 @@ namespace quillfort {
 
 // The rules of the shared rule snapshot as they are now; a snapshot that cannot
 // be read counts as no rules. Implementations may cache on the file's identity.
+// The rules are shared and never changed once handed out, so a snapshot of
+// ten thousand rules is not copied for every new prompt.
 class RuleSnapshotReader {
 public:
+    using Rules = std::shared_ptr<const std::vector<Rule>>;
+
     virtual ~RuleSnapshotReader() = default;
-    [[nodiscard]] virtual std::vector<Rule> currentRules() = 0;
+    // Never null.
+    [[nodiscard]] virtual Rules currentRules() = 0;
 };
 
 class AgentPromptCoordinator {

@@ -15,8 +15,17 @@ std::shared_ptr<CachedRuleSnapshotReader> CachedRuleSnapshotReader::inSharedCont
     return std::make_shared<CachedRuleSnapshotReader>(std::move(fileSystem), std::move(path));
 }
 
-std::vector<Rule> CachedRuleSnapshotReader::currentRules() {
-    if (!snapshotPath_) return {};
+namespace {
+
+RuleSnapshotReader::Rules noRules() {
+    static const auto none = std::make_shared<const std::vector<Rule>>();
+    return none;
+}
+
+}  // namespace
+
+RuleSnapshotReader::Rules CachedRuleSnapshotReader::currentRules() {
+    if (!snapshotPath_) return noRules();
 
     // The identity is taken before reading: should the file be replaced in
     // between, the newer rules are kept under the older identity and simply
@@ -24,7 +33,7 @@ std::vector<Rule> CachedRuleSnapshotReader::currentRules() {
     const auto identity = fileSystem_->fileIdentity(*snapshotPath_);
     if (!identity) {
         cached_.reset();
-        if (identity.error().isNoSuchFile()) return {};
+        if (identity.error().isNoSuchFile()) return noRules();
     } else if (cached_ && cached_->identity == *identity) {
         return cached_->rules;
     }
@@ -33,12 +42,10 @@ std::vector<Rule> CachedRuleSnapshotReader::currentRules() {
     auto loaded = store.loadIfPresent();
     if (!loaded || !*loaded) {
         cached_.reset();
-        return {};
+        return noRules();
     }
-    auto rules = std::move((*loaded)->rules);
-    if (identity) {
-        cached_ = Cached{*identity, rules};
-    }
+    auto rules = std::make_shared<const std::vector<Rule>>(std::move((*loaded)->rules));
+    if (identity) cached_ = Cached{*identity, rules};
     return rules;
 }
 

@@ -24,12 +24,12 @@ public:
 
     // The rules of the snapshot as it is now; a missing, unreadable or
     // undecodable snapshot gives no rules. Main thread only.
-    [[nodiscard]] std::vector<Rule> currentRules() override;
+    [[nodiscard]] Rules currentRules() override;
 
 private:
     struct Cached {
         FileIdentity identity;
-        std::vector<Rule> rules;
+        Rules rules;
     };
 
     std::shared_ptr<FileSystem> fileSystem_;

@@ -21,7 +21,7 @@ public:
 
 class NoRules final : public RuleSnapshotReader {
 public:
-    [[nodiscard]] std::vector<Rule> currentRules() override { return {}; }
+    [[nodiscard]] Rules currentRules() override { return std::make_shared<const std::vector<Rule>>(); }
 };
 
 FlowPromptRequest requestTo(const std::string& host) {

@@ -33,34 +33,36 @@ struct SnapshotFixture {
 TEST(CachedRuleSnapshotReader, ReadsAnUnchangedSnapshotOnce) {
     SnapshotFixture f;
     f.write({testing::sampleRule()});
-    EXPECT_EQ(f.reader.currentRules(), std::vector<Rule>{testing::sampleRule()});
-    EXPECT_EQ(f.reader.currentRules(), std::vector<Rule>{testing::sampleRule()});
+    const auto first = f.reader.currentRules();
+    EXPECT_EQ(*first, std::vector<Rule>{testing::sampleRule()});
+    // Every new prompt asks: an unchanged snapshot is handed out again, not copied.
+    EXPECT_EQ(f.reader.currentRules(), first);
     EXPECT_EQ(f.reads(), 1);
 
     Rule renamed = testing::sampleRule();
     renamed.name = "Renamed";
     f.write({renamed});
-    EXPECT_EQ(f.reader.currentRules(), std::vector<Rule>{renamed});
+    EXPECT_EQ(*f.reader.currentRules(), std::vector<Rule>{renamed});
     EXPECT_EQ(f.reads(), 2);
 }
 
 TEST(CachedRuleSnapshotReader, MissingOrUnreadableSnapshotGivesNoRules) {
     SnapshotFixture f;
-    EXPECT_TRUE(f.reader.currentRules().empty());
+    EXPECT_TRUE(f.reader.currentRules()->empty());
 
     f.write({testing::sampleRule()});
     f.files->failNext(Operation::readFile, EACCES);
-    EXPECT_TRUE(f.reader.currentRules().empty());
-    EXPECT_EQ(f.reader.currentRules().size(), 1u);  // a failed read is not cached
+    EXPECT_TRUE(f.reader.currentRules()->empty());
+    EXPECT_EQ(f.reader.currentRules()->size(), 1u);  // a failed read is not cached
 
     f.files->failNext(Operation::fileIdentity, EIO);  // no identity: read without caching
-    EXPECT_EQ(f.reader.currentRules().size(), 1u);
+    EXPECT_EQ(f.reader.currentRules()->size(), 1u);
 
     ASSERT_TRUE(f.files->writeFileAtomically(f.path, "{\"rules\": 3}"));
-    EXPECT_TRUE(f.reader.currentRules().empty());
+    EXPECT_TRUE(f.reader.currentRules()->empty());
 
     CachedRuleSnapshotReader nowhere(f.files, std::nullopt);
-    EXPECT_TRUE(nowhere.currentRules().empty());
+    EXPECT_TRUE(nowhere.currentRules()->empty());
 }
 
 }  // namespace

@@ -43,7 +43,7 @@ inline constexpr std::chrono::seconds waitDeadline{10};
 
 class NoRules final : public RuleSnapshotReader {
 public:
-    [[nodiscard]] std::vector<Rule> currentRules() override { return {}; }
+    [[nodiscard]] Rules currentRules() override { return std::make_shared<const std::vector<Rule>>(); }
 };
 
 struct ServiceHostOptions {

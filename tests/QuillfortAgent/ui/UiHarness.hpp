@@ -44,7 +44,7 @@ public:
 
 class FakeRules final : public RuleSnapshotReader {
 public:
-    [[nodiscard]] std::vector<Rule> currentRules() override { return rules; }
+    [[nodiscard]] Rules currentRules() override { return std::make_shared<const std::vector<Rule>>(rules); }
     std::vector<Rule> rules;
 };
 
