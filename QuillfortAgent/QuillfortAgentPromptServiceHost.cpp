@@ -22,7 +22,8 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
       homeDirectoryURL_(std::move(dependencies.homeDirectory)),
       clock_(dependencies.clock ? std::move(dependencies.clock) : systemClock()),
       uuids_(dependencies.uuids ? std::move(dependencies.uuids) : randomUuidSource()),
-      ruleSnapshotStore_(RuleSnapshotStore::inSharedContainer(*fileManager_, homeDirectoryURL_)),
+      ruleSnapshotMerger_(*fileManager_,
+                          RuleSnapshotStore::inSharedContainer(*fileManager_, homeDirectoryURL_).snapshotURL()),
       promptAgentStatusStore_(PromptAgentStatusStore::inSharedContainer(*fileManager_, homeDirectoryURL_)),
       automationDirective_(FlowPromptAutomationDirective::fromEnvironment(dependencies.processInfo.environment)),
       loopbackListenerDisabled_(
@@ -302,17 +303,8 @@ void QuillfortAgentPromptServiceHost::persistResolvedSnapshotIfPossible(const Fl
                                                                         const FlowPromptResponse& response) {
     constexpr std::string_view failure =
         "Failed to persist the prompt-resolved shared rule snapshot in the agent helper: %{public}s";
-    const auto generatedAt = now();
-    auto loaded = ruleSnapshotStore_.loadIfPresent();
-    if (!loaded) {
-        logger_.error(failure, loaded.error());
-        return;
-    }
-    const auto existing = loaded->value_or(RuleSnapshotEnvelope{.generatedAt = generatedAt, .rules = {}});
-    const auto outcome = FlowPromptResolution::resolve(request, response, existing, /*persistSessionRules=*/true,
-                                                       RuleOrigin::promptResolved, generatedAt, *uuids_);
-    if (!outcome.updatedSnapshot) return;
-    if (auto saved = ruleSnapshotStore_.save(*outcome.updatedSnapshot); !saved) logger_.error(failure, saved.error());
+    if (auto merged = ruleSnapshotMerger_.merge(request, response, now(), *uuids_); !merged)
+        logger_.error(failure, merged.error());
 }
 
 }  // namespace quillfort

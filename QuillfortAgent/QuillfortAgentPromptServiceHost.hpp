@@ -24,6 +24,7 @@
 #include "QuillfortAgent/BridgeQueue.hpp"
 #include "QuillfortAgent/LoopbackPromptError.hpp"
 #include "QuillfortAgent/MainThreadExecutor.hpp"
+#include "QuillfortAgent/RuleSnapshotMerger.hpp"
 #include "contracts/FlowPromptAutomation.hpp"
 #include "contracts/PromptAgentStatusSnapshot.hpp"
 #include "contracts/PromptAgentStatusStore.hpp"
@@ -137,7 +138,7 @@ private:
     std::optional<std::filesystem::path> homeDirectoryURL_;
     std::shared_ptr<Clock> clock_;
     std::shared_ptr<UuidSource> uuids_;
-    RuleSnapshotStore ruleSnapshotStore_;  // bridge queue only
+    RuleSnapshotMerger ruleSnapshotMerger_;  // bridge queue only
     PromptAgentStatusStore promptAgentStatusStore_;
     std::optional<FlowPromptAutomationDirective> automationDirective_;
     bool loopbackListenerDisabled_ = false;

@@ -1,0 +1,98 @@
+#include "QuillfortAgent/RuleSnapshotMerger.hpp"
+
+#include <algorithm>
+
+#include <gtest/gtest.h>
+
+#include "tests/testsupport/FakeFileSystem.hpp"
+#include "tests/testsupport/ModelSamples.hpp"
+#include "tests/testsupport/SequentialUuidSource.hpp"
+#include "tests/testsupport/TemporaryDirectory.hpp"
+
+namespace quillfort {
+namespace {
+
+using Operation = testing::FakeFileSystem::Operation;
+
+// A lasting allow whose rule is `rule` as the snapshot would hold it.
+FlowPromptResponse lastingAnswer(Rule rule) {
+    rule.action = RuleAction::allow;
+    rule.scope = RuleScope::persistent;
+    rule.origin = RuleOrigin::promptResolved;
+    FlowPromptResponse response;
+    response.promptID = testing::sampleUuid(7);
+    response.action = RuleAction::allow;
+    response.scope = RuleScope::persistent;
+    response.persist = true;
+    response.suggestedRule = std::move(rule);
+    return response;
+}
+
+Rule ruleNumbered(std::uint64_t n) {
+    Rule rule = testing::sampleRule();
+    rule.id = testing::sampleUuid(n);
+    return rule;
+}
+
+struct MergerFixture {
+    testing::TemporaryDirectory directory;
+    std::shared_ptr<testing::FakeFileSystem> files = std::make_shared<testing::FakeFileSystem>();
+    std::filesystem::path path = directory.path() / "RuleSnapshot.json";
+    RuleSnapshotMerger merger{*files, path};
+    testing::SequentialUuidSource ids;
+    FlowPromptRequest request{testing::sampleUuid(7), testing::sampleFlowContext(), std::nullopt};
+
+    void merge(const Rule& rule) { ASSERT_TRUE(merger.merge(request, lastingAnswer(rule), testing::sampleDate(), ids)); }
+    [[nodiscard]] std::vector<Uuid> storedIDs() const {
+        const auto stored = RuleSnapshotStore(*files, path).loadIfPresent();
+        std::vector<Uuid> result;
+        if (stored && *stored)
+            for (const auto& rule : (*stored)->rules) result.push_back(rule.id);
+        return result;
+    }
+    [[nodiscard]] long count(Operation operation) const {
+        const auto calls = files->calls();
+        return std::count_if(calls.begin(), calls.end(), [&](const auto& c) {
+            return c.operation == operation && c.path == path;
+        });
+    }
+};
+
+TEST(RuleSnapshotMerger, BackToBackAnswersDecodeTheFileOnce) {
+    MergerFixture f;
+    f.merge(ruleNumbered(1));
+    const long readsAfterFirst = f.count(Operation::readFile);
+    f.merge(ruleNumbered(2));
+    f.merge(ruleNumbered(3));
+
+    EXPECT_EQ(f.count(Operation::readFile), readsAfterFirst);
+    EXPECT_EQ(f.storedIDs(), (std::vector<Uuid>{testing::sampleUuid(1), testing::sampleUuid(2), testing::sampleUuid(3)}));
+}
+
+TEST(RuleSnapshotMerger, RulesAnotherProcessWroteMeanwhileAreKept) {
+    MergerFixture f;
+    f.merge(ruleNumbered(1));
+    // The filter side replaces the file with a rule set of its own.
+    ASSERT_TRUE(RuleSnapshotStore(*f.files, f.path).replaceRules({ruleNumbered(1), ruleNumbered(9)}, testing::sampleDate()));
+
+    f.merge(ruleNumbered(2));
+
+    EXPECT_EQ(f.storedIDs(), (std::vector<Uuid>{testing::sampleUuid(1), testing::sampleUuid(9), testing::sampleUuid(2)}));
+}
+
+TEST(RuleSnapshotMerger, AnAnswerWhoseRuleIsAlreadyThereLeavesTheFileAlone) {
+    MergerFixture f;
+    f.merge(ruleNumbered(1));
+    const long writes = f.count(Operation::writeFileAtomically);
+
+    f.merge(ruleNumbered(1));
+    EXPECT_EQ(f.count(Operation::writeFileAtomically), writes);
+
+    Rule renamed = ruleNumbered(1);
+    renamed.name = "Renamed";
+    f.merge(renamed);  // same id, different rule: that is a change
+    EXPECT_EQ(f.count(Operation::writeFileAtomically), writes + 1);
+}
+
+}  // namespace
+}  // namespace quillfort
