@@ -13,6 +13,9 @@ VoidResult RuleSnapshotMerger::merge(const FlowPromptRequest& request, const Flo
                                      Date generatedAt, UuidSource& ids) {
     const auto& location = store_.snapshotURL();
     if (!location) return {};
+    // Only a lasting answer that carries or describes a rule can change the
+    // snapshot; the many one-time answers must not cost a look at the file.
+    if (response.scope == RuleScope::temporary || (!response.suggestedRule && !response.ruleSelection)) return {};
 
     // The identity is taken before reading: should the file be replaced in
     // between, the newer rules are kept under the older identity and simply

@@ -94,5 +94,18 @@ TEST(RuleSnapshotMerger, AnAnswerWhoseRuleIsAlreadyThereLeavesTheFileAlone) {
     EXPECT_EQ(f.count(Operation::writeFileAtomically), writes + 1);
 }
 
+TEST(RuleSnapshotMerger, AnswersThatMakeNoRuleDoNotTouchTheFile) {
+    MergerFixture f;
+    FlowPromptResponse once = lastingAnswer(ruleNumbered(1));
+    once.scope = RuleScope::temporary;
+    FlowPromptResponse withoutRule = lastingAnswer(ruleNumbered(1));
+    withoutRule.suggestedRule.reset();
+
+    for (const auto& response : {once, withoutRule})
+        ASSERT_TRUE(f.merger.merge(f.request, response, testing::sampleDate(), f.ids));
+
+    EXPECT_TRUE(f.files->calls().empty());
+}
+
 }  // namespace
 }  // namespace quillfort
