@@ -7,9 +7,13 @@ namespace quillfort::detail {
 Result<std::optional<std::string>> readStoreFile(const FileSystem& fileSystem,
                                                  const std::optional<std::filesystem::path>& location) {
     if (!location) return std::optional<std::string>{};
+    const auto identity = fileSystem.fileIdentity(*location);
+    // The agent looks for its command file ten times a second: when the look
+    // already says there is none, there is nothing to open.
+    if (!identity && identity.error().isNoSuchFile()) return std::optional<std::string>{};
     // Store files sit in a folder other users' processes may write to; a file
     // planted there must not make the reader hold gigabytes.
-    if (auto identity = fileSystem.fileIdentity(*location); identity && identity->size > maximumStoreFileSize) {
+    if (identity && identity->size > maximumStoreFileSize) {
         return std::unexpected(Error{std::make_error_code(std::errc::file_too_large),
                                      fmt::format("{} holds {} bytes, more than the {} a Quillfort file may hold.",
                                                  location->string(), identity->size, maximumStoreFileSize)});

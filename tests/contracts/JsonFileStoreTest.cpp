@@ -55,6 +55,7 @@ TEST_F(JsonFileStores, MissingFileIsNothingButOtherReadProblemsFail) {
     EXPECT_EQ(directory.error().code, std::errc::is_a_directory);
     fs::remove(file());
 
+    writeText(file(), "{}");
     fileSystem.failNext(FakeFileSystem::Operation::readFile, EACCES);
     auto refused = store.load(kNoon);  // an error, not an empty snapshot
     ASSERT_FALSE(refused);
