@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Installs the Debian 12 packages the project builds and tests with.
 # Asks apt only for what is missing; runs apt as root or through sudo.
-#   scripts/setup.sh              build and test dependencies
-#   scripts/setup.sh --sanitizers also clang-16 for the asan/tsan/fuzz presets
+#   scripts/setup.sh              build and test dependencies, clang-16 and its
+#                                 sanitizer runtimes included (scripts/test.sh
+#                                 runs the asan, tsan and fuzz stages; llvm
+#                                 brings the symbolizer for readable stacks)
 #   scripts/setup.sh --bench      also the profilers scripts/bench uses
 set -euo pipefail
 
@@ -14,10 +16,11 @@ packages=(
   qt6-base-dev libxcb1-dev fonts-dejavu-core xvfb xdotool imagemagick
   dpkg-dev file man-db desktop-file-utils
   dbus jq tmux libncurses-dev
+  clang-16 libclang-rt-16-dev llvm
 )
 for arg in "$@"; do
   case "$arg" in
-    --sanitizers) packages+=(clang-16 libclang-rt-16-dev) ;;
+    --sanitizers) ;;  # always installed now; kept so older command lines still work
     --bench) packages+=(linux-perf valgrind) ;;
     *) echo "setup.sh: unknown option $arg" >&2; exit 2 ;;
   esac
