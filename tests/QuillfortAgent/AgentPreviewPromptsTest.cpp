@@ -123,6 +123,7 @@ TEST(AgentPreviewPrompts, SyntheticRequestDescribesAPreviewClientStartedFromZsh)
     EXPECT_THAT(client.argv, ElementsAre("preview-client", "--host", " fallback.example ", "--port", "8080"));
     EXPECT_EQ(client.launchTime, testing::sampleDate());
     ASSERT_EQ(context.ancestorChain.size(), 1u);
+    EXPECT_EQ(client.cwd, "/home/quillfort-preview");
     EXPECT_EQ(context.ancestorChain[0].identity.cwd, client.cwd);
     // Whatever the transports would carry for it reads back the same.
     EXPECT_EQ(decodeJson<FlowPromptRequest>(encodeCompact(request)), request);
