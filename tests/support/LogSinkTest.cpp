@@ -1,11 +1,24 @@
 #include "support/LogSink.hpp"
 
+#include <ctime>
+
 #include <gtest/gtest.h>
 
 #include "support/QuillfortLogger.hpp"
 
 namespace quillfort {
 namespace {
+
+// Only the time is checked: it is what a reader finds lines by, and it is the
+// part that arithmetic can get wrong.
+TEST(StderrLogSink, LineStartsWithTheLocalTimeToTheMillisecond) {
+    std::tm tm{};
+    tm.tm_year = 126, tm.tm_mon = 10, tm.tm_mday = 22, tm.tm_hour = 22, tm.tm_min = 31, tm.tm_sec = 5, tm.tm_isdst = -1;
+    const LogRecord record{std::chrono::system_clock::from_time_t(std::mktime(&tm)) + std::chrono::milliseconds(7),
+                           "com.vessimo.Quillfort", "agent", LogLevel::defaultLevel, "m"};
+    EXPECT_TRUE(StderrLogSink::formatLine(record).starts_with("2026-11-22 22:31:05.007 "))
+        << StderrLogSink::formatLine(record);
+}
 
 TEST(DefaultLogSink, PicksJournalOnlyUnderJournalOrWhenAsked) {
     struct Case {
