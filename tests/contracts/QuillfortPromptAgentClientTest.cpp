@@ -207,7 +207,7 @@ protected:
     std::filesystem::path session_;
 };
 
-TEST(QuillfortPromptAgentClient, NoManifestAndNoLoopbackFailsBeforeSubmitReturns) {
+TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFailsBeforeSubmitReturns) {
     TemporaryDirectory home;
     auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
     QuillfortPromptAgentClient client(fileSystem, home.path(), std::nullopt, std::nullopt);
@@ -217,14 +217,11 @@ TEST(QuillfortPromptAgentClient, NoManifestAndNoLoopbackFailsBeforeSubmitReturns
 
     ASSERT_TRUE(delivered.has_value());
     EXPECT_EQ(delivered->error(), ClientError::missingEndpoint());
-}
-
-TEST(QuillfortPromptAgentClient, HostNameIsNotAnIPv4Address) {
-    TemporaryDirectory home;
-    auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
-    QuillfortPromptAgentClient client(fileSystem, home.path(), "localhost", 27839);
-
-    EXPECT_EQ(client.submitSync(sampleRequest(), generousTimeout).error(), ClientError::invalidEndpointData());
+    // A host name is not an IPv4 address.
+    EXPECT_EQ(QuillfortPromptAgentClient(fileSystem, home.path(), "localhost", 27839)
+                  .submitSync(sampleRequest(), generousTimeout)
+                  .error(),
+              ClientError::invalidEndpointData());
 }
 
 TEST_F(ClientBridgeTest, AnswerOverTheBridgeIsReturnedAndItsFileRemoved) {
@@ -274,16 +271,11 @@ INSTANTIATE_TEST_SUITE_P(
         BridgeAnswerCase{"NotAnEnvelope", R"({"promptID":"nope"})", ClientError::invalidResponseDecoding(), true}),
     [](const auto& info) { return info.param.name; });
 
-TEST_F(ClientBridgeTest, UnwritableBridgeFailsWithTheBridgeWriteText) {
-    fileSystem_->failOn(FakeFileSystem::Operation::createDirectories, session_ / "Requests", EACCES);
-
-    auto result = client().submitSync(sampleRequest(), generousTimeout);
-
-    EXPECT_EQ(result.error(), ClientError::transportFailure(std::string(Messages::bridgeWriteFailed)));
-}
-
-TEST_F(ClientBridgeTest, UnwritableBridgeFallsBackToLoopback) {
+TEST_F(ClientBridgeTest, UnwritableBridgeFailsWithTheBridgeWriteTextOrFallsBackToLoopback) {
     fileSystem_->failOn(FakeFileSystem::Operation::writeFileAtomically, requestFile(), EROFS);
+    EXPECT_EQ(client().submitSync(sampleRequest(), generousTimeout).error(),
+              ClientError::transportFailure(std::string(Messages::bridgeWriteFailed)));
+
     StandInLoopbackAgent loopback(StandInLoopbackAgent::frame(responseEnvelopeJson(sampleResponse())));
 
     auto result = client("127.0.0.1", loopback.port()).submitSync(sampleRequest(), generousTimeout);
@@ -340,68 +332,49 @@ TEST_F(ClientBridgeTest, StaleResponseIsRemovedBeforeTheRequestAppears) {
     EXPECT_LT(removal, write);
 }
 
-struct LoopbackReplyCase {
-    std::string name;
-    std::string replyBytes;
-    ClientError expected;
-};
-
-class ClientLoopbackReplyTest : public ::testing::TestWithParam<LoopbackReplyCase> {};
-
-TEST_P(ClientLoopbackReplyTest, BadRepliesAreTransportFailures) {
-    TemporaryDirectory home;
-    auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
-    StandInLoopbackAgent loopback(GetParam().replyBytes);
-    QuillfortPromptAgentClient client(fileSystem, home.path(), "127.0.0.1", loopback.port());
-
-    auto result = client.submitSync(sampleRequest(), generousTimeout);
-
-    ASSERT_FALSE(result.has_value());
-    EXPECT_EQ(result.error(), GetParam().expected);
-}
-
 std::string decoderText(std::string_view payload) {
     return decodeJson<QuillfortPromptBridgeResponseEnvelope>(payload).error().description();
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Replies, ClientLoopbackReplyTest,
-    ::testing::Values(
-        LoopbackReplyCase{"NotAnEnvelope", StandInLoopbackAgent::frame(R"({"hello":1})"),
-                          ClientError::transportFailure(decoderText(R"({"hello":1})"))},
-        LoopbackReplyCase{"EmptyPayload", StandInLoopbackAgent::frame(""),
-                          ClientError::transportFailure(decoderText(""))},
-        LoopbackReplyCase{"ClosedInsidePayload", std::string("\0\0\0\x0a", 4) + "abcdef",
-                          ClientError::transportFailure(std::string(Messages::loopbackClosedEarly))},
-        LoopbackReplyCase{"ClosedInsideHeader", std::string("\0\0", 2),
-                          ClientError::transportFailure(std::string(Messages::loopbackClosedEarly))},
-        LoopbackReplyCase{"ErrorEnvelope", StandInLoopbackAgent::frame(responseEnvelopeJson(std::nullopt, "denied")),
-                          ClientError::remoteFailure("denied")}),
-    [](const auto& info) { return info.param.name; });
-
-struct TimeoutCase {
-    std::optional<double> seconds;
-    std::optional<std::pair<long, long>> expected;
-};
-
-class ClientSocketTimeoutTest : public ::testing::TestWithParam<TimeoutCase> {};
-
-TEST_P(ClientSocketTimeoutTest, SplitsIntoWholeSecondsAndTruncatedMicroseconds) {
-    auto value = QuillfortPromptAgentClient::loopbackSocketTimeout(GetParam().seconds);
-    ASSERT_EQ(value.has_value(), GetParam().expected.has_value());
-    if (value) {
-        EXPECT_EQ(value->tv_sec, GetParam().expected->first);
-        EXPECT_EQ(value->tv_usec, GetParam().expected->second);
+TEST(QuillfortPromptAgentClient, BadLoopbackRepliesAreTransportFailures) {
+    TemporaryDirectory home;
+    auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
+    const auto failure = [](std::string_view text) { return ClientError::transportFailure(std::string(text)); };
+    struct Case {
+        std::string name;
+        std::string replyBytes;
+        ClientError expected;
+    };
+    for (const auto& c : {
+             Case{"not an envelope", StandInLoopbackAgent::frame(R"({"hello":1})"),
+                  failure(decoderText(R"({"hello":1})"))},
+             Case{"empty payload", StandInLoopbackAgent::frame(""), failure(decoderText(""))},
+             Case{"closed inside the payload", std::string("\0\0\0\x0a", 4) + "abcdef",
+                  failure(Messages::loopbackClosedEarly)},
+             Case{"closed inside the header", std::string("\0\0", 2), failure(Messages::loopbackClosedEarly)},
+             Case{"error envelope", StandInLoopbackAgent::frame(responseEnvelopeJson(std::nullopt, "denied")),
+                  ClientError::remoteFailure("denied")}}) {
+        SCOPED_TRACE(c.name);
+        StandInLoopbackAgent loopback(c.replyBytes);
+        QuillfortPromptAgentClient client(fileSystem, home.path(), "127.0.0.1", loopback.port());
+        const auto result = client.submitSync(sampleRequest(), generousTimeout);
+        ASSERT_FALSE(result.has_value());
+        EXPECT_EQ(result.error(), c.expected);
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Timeouts, ClientSocketTimeoutTest,
-                         ::testing::Values(TimeoutCase{1.25, std::pair{1L, 250000L}},
-                                           TimeoutCase{0.5, std::pair{0L, 500000L}},
-                                           TimeoutCase{3.0, std::pair{3L, 0L}},
-                                           TimeoutCase{2.0000019, std::pair{2L, 1L}},
-                                           TimeoutCase{0.0, std::nullopt}, TimeoutCase{-1.0, std::nullopt},
-                                           TimeoutCase{std::nullopt, std::nullopt}));
+TEST(QuillfortPromptAgentClient, SocketTimeoutSplitsIntoWholeSecondsAndTruncatedMicroseconds) {
+    using Split = std::optional<std::pair<long, long>>;
+    const std::pair<std::optional<double>, Split> cases[] = {
+        {1.25, std::pair{1L, 250000L}}, {0.5, std::pair{0L, 500000L}}, {3.0, std::pair{3L, 0L}},
+        {2.0000019, std::pair{2L, 1L}}, {0.0, std::nullopt},           {-1.0, std::nullopt},
+        {std::nullopt, std::nullopt}};
+    for (const auto& [seconds, expected] : cases) {
+        const auto value = QuillfortPromptAgentClient::loopbackSocketTimeout(seconds);
+        EXPECT_EQ(value ? Split(std::pair<long, long>(value->tv_sec, value->tv_usec)) : std::nullopt, expected)
+            << seconds.value_or(-99);
+    }
+}
 
 TEST(QuillfortPromptAgentClient, PosixErrorDescriptionFallsBackToTheNumber) {
     EXPECT_EQ(QuillfortPromptAgentClient::posixSocketErrorDescription("Failed to connect", ECONNREFUSED),
