@@ -222,13 +222,6 @@ fs::path AgentSandbox::submit(std::uint64_t n, const std::string& host) {
     return path;
 }
 
-std::optional<QuillfortPromptBridgeResponseEnvelope> AgentSandbox::awaitResponse(std::uint64_t n) {
-    const auto path = responses_ / bridgeFileName(sampleUuid(n));
-    if (!eventually([&] { return fs::exists(path); })) return std::nullopt;
-    auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(readText(path).value_or(""));
-    return decoded ? std::optional(*decoded) : std::nullopt;
-}
-
 bool AgentSandbox::awaitQueued(std::uint64_t n) {
     return waitForAgentLog("Queued prompt " + sampleUuid(n).uppercaseString());
 }

@@ -125,7 +125,6 @@ public:
     // Writes the request file of sample prompt `n`, as a client would (hidden
     // name, then renamed into place).
     std::filesystem::path submit(std::uint64_t n, const std::string& host = "api.example.com");
-    std::optional<QuillfortPromptBridgeResponseEnvelope> awaitResponse(std::uint64_t n);
     bool awaitQueued(std::uint64_t n);
     void command(std::uint64_t n, FlowPromptAutomationPreset preset);
     [[nodiscard]] std::optional<std::string> exchange(const std::vector<std::string>& pieces) const {

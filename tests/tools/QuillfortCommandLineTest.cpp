@@ -78,6 +78,8 @@ struct UsageCase {
 };
 
 TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndExplain) {
+    const auto badRequest = home_.path() / "r.json";
+    ASSERT_TRUE(fileSystem_->writeFileAtomically(badRequest, R"({"id":"x"})"));
     const UsageCase cases[] = {
         {{}, "A subcommand is required"},
         {{"answer", "not-a-uuid", "allow-once"}, "\"not-a-uuid\" is not a prompt id"},
@@ -89,6 +91,7 @@ TEST_F(CommandLineTest, UsageErrorsExitWithTwoAndExplain) {
         {{"prompt", "--host", "example.com", "--tag", "bogus"}, "bogus"},
         {{"prompt", "--host", "example.com", "--signing-id", "com.example"}, "give --exe or --pid"},
         {{"prompt", "--request", "r.json", "--host", "example.com"}, "--request excludes --host"},
+        {{"prompt", "--request", badRequest.string()}, "is not a prompt request: id: "},  // names the failing key
         {{"prompt", "--host", "example.com", "--loopback", "localhost:27839"}, "--loopback needs a dotted IPv4"},
         {{"prompt", "--host", "example.com", "--timeout", "-1"}, "--timeout"},
         {{"rules", "--frobnicate"}, "--frobnicate"},
@@ -109,14 +112,7 @@ TEST_F(CommandLineTest, EveryCommandHasHelp) {
     }
 }
 
-TEST_F(CommandLineTest, BadRequestFileNamesTheFailingKey) {
-    ASSERT_TRUE(fileSystem_->writeFileAtomically(home_.path() / "r.json", R"({"id":"x"})"));
-    auto invocation = run({"prompt", "--request", (home_.path() / "r.json").string()});
-    EXPECT_EQ(invocation.status, CL::exitUsage);
-    EXPECT_NE(invocation.err.find("is not a prompt request: id: "), std::string::npos) << invocation.err;
-}
-
-TEST_F(CommandLineTest, StatusWithoutAFileAsksWhetherTheAgentRuns) {
+TEST_F(CommandLineTest, StatusAsksWhetherTheAgentRunsUntilItsFileIsThereAndThenShowsItAsItIs) {
     for (std::vector<std::string> arguments : {std::vector<std::string>{"status"}, {"status", "--json"}}) {
         arguments.insert(arguments.end(), {"--home", home_.path().string()});
         auto invocation = run(arguments);
@@ -124,9 +120,7 @@ TEST_F(CommandLineTest, StatusWithoutAFileAsksWhetherTheAgentRuns) {
         EXPECT_EQ(invocation.err, "quillfort: The Quillfort agent has not published a status file at " +
                                       (container() / "PromptAgentStatus.json").string() + "; is it running?\n");
     }
-}
 
-TEST_F(CommandLineTest, StatusJsonIsTheFileAsItIs) {
     PromptAgentStatusSnapshot status;
     status.statusText = "Prompt bridge ready.";
     PromptAgentStatusStore store(*fileSystem_, container() / "PromptAgentStatus.json");
@@ -141,7 +135,7 @@ TEST_F(CommandLineTest, StatusJsonIsTheFileAsItIs) {
     EXPECT_TRUE(table.out.starts_with("Quillfort agent: Prompt bridge ready.\n")) << table.out;
 }
 
-TEST_F(CommandLineTest, RulesWithoutASnapshotSayNoRulesYet) {
+TEST_F(CommandLineTest, RulesSayNoRulesYetUntilASnapshotIsThereAndThenListIt) {
     auto table = run({"rules", "--home", home_.path().string()});
     EXPECT_EQ(table.status, CL::exitSuccess);
     EXPECT_EQ(table.out, "No rules yet.\n");
@@ -150,13 +144,11 @@ TEST_F(CommandLineTest, RulesWithoutASnapshotSayNoRulesYet) {
     EXPECT_EQ(json.status, CL::exitSuccess);
     EXPECT_EQ(json.out, "");
     EXPECT_EQ(json.err, "No rules yet.\n");
-}
 
-TEST_F(CommandLineTest, RulesListsTheSnapshot) {
     RuleSnapshotStore store(*fileSystem_, container() / "RuleSnapshot.json");
     ASSERT_TRUE(store.save(RuleSnapshotEnvelope{testing::sampleDate(), {testing::sampleRule()}}));
 
-    auto table = run({"rules", "--home", home_.path().string()});
+    table = run({"rules", "--home", home_.path().string()});
     EXPECT_EQ(table.status, CL::exitSuccess);
     EXPECT_NE(table.out.find("allow   persistent  Allow curl to api.example.com  exec=/usr/bin/curl"),
               std::string::npos)
