@@ -52,25 +52,20 @@ TEST(SingleInstanceGuard, FirstInstanceTakesTheLockAndWritesItsIdentifier) {
     }());
 }
 
-TEST(SingleInstanceGuard, SecondInstanceGivesWayAndLeavesTheFileAlone) {
-    GuardHome setup;
-    const QuillfortAgentSingleInstanceGuard first(setup.fileSystem, std::nullopt, 100);
-    {
-        const QuillfortAgentSingleInstanceGuard second(setup.fileSystem, std::nullopt, 200);
-        EXPECT_FALSE(second.shouldActivateCurrentInstance());
-        EXPECT_GE(second.fileDescriptor(), 0);
-    }
-    EXPECT_EQ(contentOf(setup.lockFile), "100\n");
-    // Going away did not release the first instance's lock either.
-    const QuillfortAgentSingleInstanceGuard third(setup.fileSystem, std::nullopt, 300);
-    EXPECT_FALSE(third.shouldActivateCurrentInstance());
-}
-
-TEST(SingleInstanceGuard, StaleIdentifierIsReplacedOnceTheLockIsFree) {
+TEST(SingleInstanceGuard, SecondInstanceGivesWayAndTheStaleIdentifierIsReplacedOnceTheLockIsFree) {
     GuardHome setup;
     {
-        const QuillfortAgentSingleInstanceGuard earlier(setup.fileSystem, std::nullopt, 123456789);
-        ASSERT_TRUE(earlier.shouldActivateCurrentInstance());
+        const QuillfortAgentSingleInstanceGuard first(setup.fileSystem, std::nullopt, 123456789);
+        ASSERT_TRUE(first.shouldActivateCurrentInstance());
+        {
+            const QuillfortAgentSingleInstanceGuard second(setup.fileSystem, std::nullopt, 200);
+            EXPECT_FALSE(second.shouldActivateCurrentInstance());
+            EXPECT_GE(second.fileDescriptor(), 0);
+        }
+        EXPECT_EQ(contentOf(setup.lockFile), "123456789\n");
+        // Going away did not release the first instance's lock either.
+        const QuillfortAgentSingleInstanceGuard third(setup.fileSystem, std::nullopt, 300);
+        EXPECT_FALSE(third.shouldActivateCurrentInstance());
     }
     const QuillfortAgentSingleInstanceGuard later(setup.fileSystem, std::nullopt, 42);
     EXPECT_TRUE(later.shouldActivateCurrentInstance());
@@ -106,49 +101,35 @@ TEST(SingleInstanceGuard, WithoutContainerTheLockLivesInTheTemporaryDirectory) {
     EXPECT_EQ(contentOf(temporary.path() / "QuillfortAgent.lock"), "7\n");
 }
 
-TEST(SingleInstanceGuard, FailsOpenWhenTheLockDirectoryCannotBeMade) {
-    GuardHome setup;
-    setup.fileSystem.failOn(FakeFileSystem::Operation::createDirectories, setup.lockFile.parent_path(), EACCES);
+TEST(SingleInstanceGuard, FailsOpenWhenTheLockDirectoryCannotBeMadeOrTheFileOpened) {
+    for (const bool directoryFails : {true, false}) {
+        GuardHome setup;
+        if (directoryFails)
+            setup.fileSystem.failOn(FakeFileSystem::Operation::createDirectories, setup.lockFile.parent_path(),
+                                    EACCES);
+        else
+            std::filesystem::create_directories(setup.lockFile);  // a directory cannot be opened for writing
 
-    const QuillfortAgentSingleInstanceGuard guard(setup.fileSystem, std::nullopt, 1);
-    EXPECT_TRUE(guard.shouldActivateCurrentInstance());
-    EXPECT_EQ(guard.fileDescriptor(), -1);
+        const QuillfortAgentSingleInstanceGuard guard(setup.fileSystem, std::nullopt, 1);
+        EXPECT_TRUE(guard.shouldActivateCurrentInstance()) << directoryFails;
+        EXPECT_EQ(guard.fileDescriptor(), -1) << directoryFails;
+    }
 }
 
-TEST(SingleInstanceGuard, FailsOpenWhenTheLockFileCannotBeOpened) {
-    GuardHome setup;
-    // A directory where the file should be cannot be opened for writing.
-    std::filesystem::create_directories(setup.lockFile);
-
-    const QuillfortAgentSingleInstanceGuard guard(setup.fileSystem, std::nullopt, 1);
-    EXPECT_TRUE(guard.shouldActivateCurrentInstance());
-    EXPECT_EQ(guard.fileDescriptor(), -1);
+TEST(AgentBootstrap, LaunchLineNamesVerboseLoggingOnlyForExactlyOne) {
+    const std::pair<std::map<std::string, std::string>, std::string> cases[] = {
+        {{}, "false"},
+        {{{"QUILLFORT_VERBOSE_LOGGING", "1"}}, "true"},
+        {{{"QUILLFORT_VERBOSE_LOGGING", "true"}}, "false"}};
+    for (const auto& [environment, verbose] : cases) {
+        const ScopedLogCapture logs;
+        QuillfortAgentBootstrap::make({.environment = environment, .arguments = {}, .processIdentifier = 1})
+            .logLaunch();
+        ASSERT_EQ(logs.records().size(), 1u);
+        EXPECT_EQ(logs.records()[0].message, "Launching Quillfort agent login-item helper. verboseLogging=" + verbose);
+        EXPECT_EQ(logs.records()[0].category, "agent");
+    }
 }
-
-struct LaunchCase {
-    std::map<std::string, std::string> environment;
-    std::string line;
-};
-
-class AgentBootstrapLaunchLine : public ::testing::TestWithParam<LaunchCase> {};
-
-TEST_P(AgentBootstrapLaunchLine, NamesVerboseLoggingOnlyForExactlyOne) {
-    const ScopedLogCapture logs;
-    QuillfortAgentBootstrap::make({.environment = GetParam().environment, .arguments = {}, .processIdentifier = 1})
-        .logLaunch();
-    ASSERT_EQ(logs.records().size(), 1u);
-    EXPECT_EQ(logs.records()[0].message, GetParam().line);
-    EXPECT_EQ(logs.records()[0].category, "agent");
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Environments, AgentBootstrapLaunchLine,
-    ::testing::Values(
-        LaunchCase{{}, "Launching Quillfort agent login-item helper. verboseLogging=false"},
-        LaunchCase{{{"QUILLFORT_VERBOSE_LOGGING", "1"}},
-                   "Launching Quillfort agent login-item helper. verboseLogging=true"},
-        LaunchCase{{{"QUILLFORT_VERBOSE_LOGGING", "true"}},
-                   "Launching Quillfort agent login-item helper. verboseLogging=false"}));
 
 }  // namespace
 }  // namespace quillfort
