@@ -138,9 +138,11 @@ void AgentFileBridge::processRequest(const std::filesystem::path& url) {
                       fmt::format("{} holds {} bytes.", url.filename().string(), identity->size));
         return;
     }
+    std::size_t size = 0;
     auto envelope = [&]() -> Result<QuillfortPromptBridgeRequestEnvelope> {
         auto bytes = fileManager_->readFile(url);
         if (!bytes) return std::unexpected(std::move(bytes.error()));
+        size = bytes->size();
         auto decoded = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*bytes);
         if (!decoded) return std::unexpected(Error::withMessage(decoded.error().description()));
         return std::move(*decoded);
@@ -152,7 +154,7 @@ void AgentFileBridge::processRequest(const std::filesystem::path& url) {
     }
 
     const auto promptID = envelope->request.id;
-    intake_(std::move(envelope->request),
+    intake_(std::move(envelope->request), size,
             [weak = weak_from_this(), promptID, url](std::optional<FlowPromptResponse> response,
                                                      std::optional<std::string> errorMessage) {
                 auto self = weak.lock();

@@ -14,6 +14,37 @@ namespace quillfort {
 
 namespace {
 
+// One read's part of the bytes held by all unfinished frames together. Its
+// bytes go back exactly once: when the read finishes, or when it is dropped
+// unfinished (its io_context gone at stop).
+class HeldFrameBytes {
+public:
+    HeldFrameBytes(std::shared_ptr<std::uint64_t> total, std::uint64_t budget)
+        : total_(std::move(total)), budget_(budget) {}
+    HeldFrameBytes(HeldFrameBytes&& other) noexcept
+        : total_(std::move(other.total_)), budget_(other.budget_), counted_(std::exchange(other.counted_, 0)) {}
+    HeldFrameBytes& operator=(HeldFrameBytes&&) = delete;
+    ~HeldFrameBytes() { giveBack(); }
+
+    // False, counting nothing, when the bytes would take the total past the budget.
+    [[nodiscard]] bool take(std::size_t count) {
+        if (*total_ + count > budget_) return false;
+        *total_ += count;
+        counted_ += count;
+        return true;
+    }
+
+    void giveBack() noexcept {
+        if (total_) *total_ -= counted_;
+        counted_ = 0;
+    }
+
+private:
+    std::shared_ptr<std::uint64_t> total_;
+    std::uint64_t budget_;
+    std::uint64_t counted_ = 0;
+};
+
 // One frame being read from a loopback connection, with the deadline by which
 // it must be complete.
 struct FrameRead {
@@ -23,6 +54,7 @@ struct FrameRead {
     boost::asio::io_context::executor_type queue;
     std::uint32_t maximumSize;
     boost::asio::steady_timer deadline;
+    HeldFrameBytes held;
     bool timedOut = false;
     bool finished = false;
 };
@@ -30,6 +62,7 @@ struct FrameRead {
 void finishFrameRead(FrameRead& read, Result<std::string> result) {
     read.finished = true;
     read.deadline.cancel();
+    read.held.giveBack();
     read.completion(std::move(result));
 }
 
@@ -46,6 +79,11 @@ void receiveFrameBytes(std::shared_ptr<FrameRead> read) {
         }
         if (error) {
             finishFrameRead(*read, std::unexpected(std::move(*error)));
+            return;
+        }
+        if (!read->held.take(bytes.size())) {
+            finishFrameRead(*read,
+                            std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::frameBudgetExceeded)));
             return;
         }
         read->reader.consume(bytes);
@@ -67,9 +105,8 @@ void receiveFrameBytes(std::shared_ptr<FrameRead> read) {
     });
 }
 
-bool isPayloadTooLarge(const Error& error) {
-    return error.code ==
-           std::error_code(static_cast<int>(LoopbackPromptErrorCode::payloadTooLarge), LoopbackPromptError::category());
+bool isLoopbackError(const Error& error, LoopbackPromptErrorCode code) {
+    return error.code == std::error_code(static_cast<int>(code), LoopbackPromptError::category());
 }
 
 }  // namespace
@@ -154,6 +191,7 @@ void AgentLoopbackServer::receiveFrame(const std::shared_ptr<LoopbackConnection>
         .queue = queue_.get_executor(),
         .maximumSize = limits_.maximumRequestSize,
         .deadline = boost::asio::steady_timer(queue_),
+        .held = HeldFrameBytes(frameBytesHeld_, limits_.frameBytesBudget),
     });
     // An idle or trickling client must not hold a descriptor for ever. Closing
     // the socket ends the pending receive, which then reports the time-out.
@@ -183,14 +221,17 @@ void AgentLoopbackServer::receiveRequest(const std::shared_ptr<LoopbackConnectio
 
 void AgentLoopbackServer::handleFrame(const std::shared_ptr<LoopbackConnection>& connection,
                                       Result<std::string> frame) {
-    if (!frame && isPayloadTooLarge(frame.error())) {
+    if (!frame && (isLoopbackError(frame.error(), LoopbackPromptErrorCode::payloadTooLarge) ||
+                   isLoopbackError(frame.error(), LoopbackPromptErrorCode::frameBudgetExceeded))) {
         // The client is told why, rather than left with a closed connection.
         logger_.error("Failed to receive the loopback prompt request: %{public}s", frame.error());
         sendResponse(
             QuillfortPromptBridgeResponseEnvelope{
                 .promptID = uuids_->next(),
                 .response = std::nullopt,
-                .errorMessage = oversizeRequestMessage(limits_.maximumRequestSize),
+                .errorMessage = isLoopbackError(frame.error(), LoopbackPromptErrorCode::payloadTooLarge)
+                                    ? oversizeRequestMessage(limits_.maximumRequestSize)
+                                    : frameBudgetExceededMessage(limits_.frameBytesBudget),
                 .createdAt = now(),
             },
             connection);
@@ -216,7 +257,7 @@ void AgentLoopbackServer::handleFrame(const std::shared_ptr<LoopbackConnection>&
     }
 
     const auto promptID = envelope->request.id;
-    intake_(std::move(envelope->request),
+    intake_(std::move(envelope->request), frame->size(),
             [weak = weak_from_this(), promptID, connection](std::optional<FlowPromptResponse> response,
                                                             std::optional<std::string> errorMessage) {
                 auto self = weak.lock();

@@ -31,6 +31,8 @@ public:
     struct Limits {
         std::chrono::milliseconds requestTimeout;  // for the whole request frame
         std::uint32_t maximumRequestSize;
+        // For the bytes of all frames still being received, across connections.
+        std::uint64_t frameBytesBudget;
     };
     // Told once whether the listener is serving (true) or failed to bind (false).
     using ReadinessHandler = std::function<void(bool ready)>;
@@ -74,6 +76,10 @@ private:
     // the queue before its io_context goes, whoever holds them then.
     std::vector<std::weak_ptr<LoopbackConnection>> connections_;
     std::atomic<std::uint16_t> boundPort_{0};
+    // Bytes received into frames not yet complete, on every connection. Shared
+    // with each read so that its bytes come back even when the read outlives
+    // this server; bridge queue only.
+    std::shared_ptr<std::uint64_t> frameBytesHeld_ = std::make_shared<std::uint64_t>(0);
 };
 
 }  // namespace quillfort

@@ -20,6 +20,8 @@ public:
                 return "The loopback prompt request is larger than the agent accepts.";
             case LoopbackPromptErrorCode::requestTimedOut:
                 return "The loopback prompt request did not arrive in time.";
+            case LoopbackPromptErrorCode::frameBudgetExceeded:
+                return "The loopback prompt requests being received together exceed the bytes the agent holds for them.";
         }
         return "Unknown loopback prompt error " + std::to_string(code) + ".";
     }

@@ -15,6 +15,7 @@ enum class LoopbackPromptErrorCode {
     closedBeforePayload = 12,  // the peer ended the stream inside the header or the payload
     payloadTooLarge = 13,      // the header announces more than the agent accepts
     requestTimedOut = 14,      // no complete frame within the time a client is given
+    frameBudgetExceeded = 15,  // all connections together hold as many unfinished frame bytes as allowed
 };
 
 namespace LoopbackPromptError {

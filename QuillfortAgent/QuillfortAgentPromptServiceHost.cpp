@@ -28,6 +28,7 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
       automationDirective_(FlowPromptAutomationDirective::fromEnvironment(dependencies.processInfo.environment)),
       loopbackListenerDisabled_(
           dependencies.processInfo.environmentValue(std::string(disableLoopbackListenerVariable)) == "1"),
+      queuedRequestBytesBudget_(dependencies.queuedRequestBytesBudget),
       sessionIdentifier_(uuids_->next().uppercaseString()),
       bridgeQueue_(std::make_unique<BridgeQueue>()) {
     statusReporter_ = std::make_shared<AgentStatusReporter>(coordinator_, mainThread_, fileManager_,
@@ -37,7 +38,8 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
     loopbackServer_ = std::make_shared<AgentLoopbackServer>(
         bridgeQueue_->context(), clock_, uuids_, dependencies.loopbackPort,
         AgentLoopbackServer::Limits{.requestTimeout = dependencies.loopbackRequestTimeout,
-                                    .maximumRequestSize = dependencies.maximumRequestSize});
+                                    .maximumRequestSize = dependencies.maximumRequestSize,
+                                    .frameBytesBudget = dependencies.loopbackFrameBytesBudget});
 }
 
 QuillfortAgentPromptServiceHost::~QuillfortAgentPromptServiceHost() {
@@ -249,25 +251,57 @@ void QuillfortAgentPromptServiceHost::publishLoopbackReadiness(bool ready) {
 // The prompt path both transports share
 
 BridgePromptIntake QuillfortAgentPromptServiceHost::promptIntake() {
-    return [weak = weakSelf()](FlowPromptRequest request, BridgePromptReply reply) {
-        if (auto self = weak.lock()) self->receivePrompt(std::move(request), std::move(reply));
+    return [weak = weakSelf()](FlowPromptRequest request, std::size_t size, BridgePromptReply reply) {
+        if (auto self = weak.lock()) self->receivePrompt(std::move(request), size, std::move(reply));
     };
 }
 
-void QuillfortAgentPromptServiceHost::receivePrompt(FlowPromptRequest request, BridgePromptReply reply) {
+namespace {
+
+// A queued prompt's bytes, given back when the last copy of its reply callback
+// goes: after its answer is sent, or when the prompt is dropped unanswered.
+class QueuedRequestBytes {
+public:
+    QueuedRequestBytes(std::shared_ptr<std::atomic<std::uint64_t>> total, std::uint64_t size)
+        : total_(std::move(total)), size_(size) {
+        *total_ += size_;
+    }
+    QueuedRequestBytes(const QueuedRequestBytes&) = delete;
+    QueuedRequestBytes& operator=(const QueuedRequestBytes&) = delete;
+    ~QueuedRequestBytes() { *total_ -= size_; }
+
+private:
+    std::shared_ptr<std::atomic<std::uint64_t>> total_;
+    std::uint64_t size_;
+};
+
+}  // namespace
+
+void QuillfortAgentPromptServiceHost::receivePrompt(FlowPromptRequest request, std::size_t size,
+                                                    BridgePromptReply reply) {
     statusReporter_->recordPromptReceived();
     if (auto response = makeAutomationResponseIfNeeded(request)) {
         finishPrompt(request, std::move(response), std::nullopt, reply);
         return;
     }
-    onMainThread([request = std::move(request), reply = std::move(reply)](QuillfortAgentPromptServiceHost& self) {
+    // Only the bridge queue adds, so the total read here can only have fallen
+    // by the time it is added to.
+    if (queuedRequestBytes_->load() + size > queuedRequestBytesBudget_) {
+        logger_.error("Refused prompt %{public}s of %{public}s bytes: the queue already holds %{public}s bytes.",
+                      request.id.uppercaseString(), std::to_string(size), std::to_string(queuedRequestBytes_->load()));
+        reply(std::nullopt, queueBudgetExceededMessage(queuedRequestBytesBudget_));
+        return;
+    }
+    auto held = std::make_shared<const QueuedRequestBytes>(queuedRequestBytes_, size);
+    onMainThread([request = std::move(request), reply = std::move(reply),
+                  held = std::move(held)](QuillfortAgentPromptServiceHost& self) {
         auto weak = self.weakSelf();
         self.coordinator_->receivePrompt(
-            request, [weak, request, reply](std::optional<FlowPromptResponse> response,
-                                            std::optional<std::string> errorMessage) {
+            request, [weak, request, reply, held](std::optional<FlowPromptResponse> response,
+                                                  std::optional<std::string> errorMessage) {
                 auto host = weak.lock();
                 if (!host) return;
-                host->onBridgeQueue([request, reply, response = std::move(response),
+                host->onBridgeQueue([request, reply, held, response = std::move(response),
                                      errorMessage = std::move(errorMessage)](QuillfortAgentPromptServiceHost& self) {
                     self.finishPrompt(request, response, errorMessage, reply);
                 });

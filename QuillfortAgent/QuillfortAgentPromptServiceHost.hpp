@@ -6,7 +6,9 @@
 // answer makes goes into the shared rule snapshot.
 #pragma once
 
+#include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -54,6 +56,8 @@ public:
         // Limits on what other processes may make the agent hold.
         std::chrono::milliseconds loopbackRequestTimeout = defaultLoopbackRequestTimeout;
         std::uint32_t maximumRequestSize = defaultMaximumRequestSize;
+        std::uint64_t loopbackFrameBytesBudget = defaultLoopbackFrameBytesBudget;
+        std::uint64_t queuedRequestBytesBudget = defaultQueuedRequestBytesBudget;
     };
 
     // A loopback client has this long to deliver its whole request frame; the
@@ -61,6 +65,13 @@ public:
     static constexpr std::chrono::milliseconds defaultLoopbackRequestTimeout{30'000};
     // The largest request payload or request file the agent reads.
     static constexpr std::uint32_t defaultMaximumRequestSize = LoopbackPromptError::maximumRequestPayloadSize;
+    // Each request is bounded, but not how many arrive at once: these bound the
+    // sums. All loopback frames still being received together hold at most
+    // this many bytes...
+    static constexpr std::uint64_t defaultLoopbackFrameBytesBudget = 64u * 1024u * 1024u;
+    // ...and all requests waiting for the user (counted by the size of their
+    // frame or file) at most this many.
+    static constexpr std::uint64_t defaultQueuedRequestBytesBudget = 256u * 1024u * 1024u;
 
     static constexpr std::string_view disableLoopbackListenerVariable = "QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER";
     static constexpr std::chrono::milliseconds pollInterval = AgentFileBridge::pollInterval;
@@ -123,7 +134,7 @@ private:
     // The prompt path both transports share (bridge queue): the status times,
     // an automation directive or the coordinator, and the rule an answer makes.
     [[nodiscard]] BridgePromptIntake promptIntake();
-    void receivePrompt(FlowPromptRequest request, BridgePromptReply reply);
+    void receivePrompt(FlowPromptRequest request, std::size_t size, BridgePromptReply reply);
     void finishPrompt(const FlowPromptRequest& request, std::optional<FlowPromptResponse> response,
                       std::optional<std::string> errorMessage, const BridgePromptReply& reply);
     [[nodiscard]] std::optional<FlowPromptResponse> makeAutomationResponseIfNeeded(const FlowPromptRequest& request);
@@ -142,6 +153,12 @@ private:
     PromptAgentStatusStore promptAgentStatusStore_;
     std::optional<FlowPromptAutomationDirective> automationDirective_;
     bool loopbackListenerDisabled_ = false;
+    std::uint64_t queuedRequestBytesBudget_;
+    // Bytes of the requests handed to the coordinator and not yet answered.
+    // Added to on the bridge queue only; given back from whichever thread drops
+    // a prompt's last reply callback.
+    std::shared_ptr<std::atomic<std::uint64_t>> queuedRequestBytes_ =
+        std::make_shared<std::atomic<std::uint64_t>>(0);
     std::string sessionIdentifier_;
 
     // Declared before everything that lives on its io_context, so those go first.

@@ -51,6 +51,8 @@ struct ServiceHostOptions {
     std::uint16_t loopbackPort = 0;  // any free port
     std::chrono::milliseconds loopbackRequestTimeout = QuillfortAgentPromptServiceHost::defaultLoopbackRequestTimeout;
     std::uint32_t maximumRequestSize = QuillfortAgentPromptServiceHost::defaultMaximumRequestSize;
+    std::uint64_t loopbackFrameBytesBudget = QuillfortAgentPromptServiceHost::defaultLoopbackFrameBytesBudget;
+    std::uint64_t queuedRequestBytesBudget = QuillfortAgentPromptServiceHost::defaultQueuedRequestBytesBudget;
 };
 
 class ServiceHostHarness {
@@ -97,6 +99,8 @@ public:
             .loopbackPort = options.loopbackPort,
             .loopbackRequestTimeout = options.loopbackRequestTimeout,
             .maximumRequestSize = options.maximumRequestSize,
+            .loopbackFrameBytesBudget = options.loopbackFrameBytesBudget,
+            .queuedRequestBytesBudget = options.queuedRequestBytesBudget,
         });
         return host;
     }

@@ -228,5 +228,140 @@ TEST(ServiceHostLoopback, OversizeRequestsAreAnsweredWithTheLimitOnBothTransport
     EXPECT_THAT(harness.queuedIDs(), ::testing::IsEmpty());
 }
 
+// --- Byte budgets ------------------------------------------------------------
+
+// How the read that holds most of the frame budget ends.
+struct HeldFrameEnd {
+    std::string name;
+    bool completes;  // sends the rest of its frame, else closes inside it
+};
+
+class ServiceHostLoopbackFrameBudget : public ::testing::TestWithParam<HeldFrameEnd> {};
+
+TEST_P(ServiceHostLoopbackFrameBudget, RefusesFramesPastTheSumOfAllConnectionsAndTakesThemOnceBytesComeBack) {
+    const auto probe = requestFrame(21);
+    const auto held = requestFrame(22);
+    // The probe alone fits; the probe beside half of the held frame does not.
+    ServiceHostHarness harness;
+    const auto port = startListeningWith(
+        harness, {.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}},
+                  .loopbackFrameBytesBudget = probe.size() + held.size() / 4});
+    const auto budgetText = frameBudgetExceededMessage(probe.size() + held.size() / 4);
+    const auto exchangeProbe = [&] {
+        auto reply = exchangeInBackground(port, {probe});
+        return decodeResponseFrame(awaitReply(harness, reply).value_or(""));
+    };
+
+    LoopbackTestClient holder(port);
+    ASSERT_TRUE(holder.connected());
+    ASSERT_TRUE(holder.send(held.substr(0, held.size() / 2)));
+    // The holder's bytes reach the agent at some point; from then on the probe is refused.
+    ASSERT_TRUE(harness.runUntil([&] {
+        const auto answer = exchangeProbe();
+        return answer && answer->errorMessage == budgetText && !answer->response;
+    }));
+    EXPECT_TRUE(harness.logged(std::string(receiveFailure) +
+                               "The loopback prompt requests being received together exceed the bytes the agent "
+                               "holds for them."));
+
+    // The holder was not disturbed by the refusals beside it.
+    if (GetParam().completes) {
+        ASSERT_TRUE(holder.send(held.substr(held.size() / 2)));
+    } else {
+        holder.finishSending();
+    }
+    auto holderReply = std::async(std::launch::async, [&holder] { return holder.receiveAll(); });
+    ASSERT_TRUE(harness.runUntil([&] { return holderReply.wait_for(0s) == std::future_status::ready; }));
+    const auto holderFrame = holderReply.get().value_or("-");
+    if (GetParam().completes) {
+        const auto answer = decodeResponseFrame(holderFrame);
+        ASSERT_TRUE(answer);
+        EXPECT_EQ(answer->promptID, sampleUuid(22));
+    } else {
+        EXPECT_EQ(holderFrame, "");
+    }
+
+    // Its bytes came back when its read ended, so the probe fits again.
+    const auto answer = exchangeProbe();
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->promptID, sampleUuid(21));
+    EXPECT_TRUE(answer->response);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ends, ServiceHostLoopbackFrameBudget,
+                         ::testing::Values(HeldFrameEnd{"Completed", true}, HeldFrameEnd{"CutShort", false}),
+                         [](const auto& info) { return info.param.name; });
+
+// Which transport brings the request that finds the queue full.
+struct QueueBudgetCase {
+    std::string name;
+    bool overLoopback;
+};
+
+class ServiceHostQueueBudget : public ::testing::TestWithParam<QueueBudgetCase> {};
+
+TEST_P(ServiceHostQueueBudget, RefusesRequestsPastTheQueuedBytesUntilAnAnswerGivesThemBack) {
+    const auto waiting = encodeCompact(sampleEnvelope(31));
+    const auto late = sampleEnvelope(32);
+    const auto budget = waiting.size() + encodeCompact(late).size() / 2;
+    ServiceHostHarness harness;
+    const auto port = startListeningWith(harness, {.queuedRequestBytesBudget = budget});
+
+    harness.writeRequest(sampleEnvelope(31));
+    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(31)));
+
+    // Sends the late request and, over loopback, waits for what comes back.
+    std::future<std::optional<std::string>> loopbackReply;
+    const auto sendLate = [&] {
+        if (GetParam().overLoopback) {
+            loopbackReply = exchangeInBackground(port, {*encodeFrame(encodeCompact(late))});
+        } else {
+            harness.writeRequest(late);
+        }
+    };
+
+    sendLate();
+    std::optional<QuillfortPromptBridgeResponseEnvelope> refusal;
+    if (GetParam().overLoopback) {
+        refusal = decodeResponseFrame(awaitReply(harness, loopbackReply).value_or(""));
+    } else {
+        ASSERT_TRUE(harness.waitForResponse(sampleUuid(32)));
+        refusal = harness.response(sampleUuid(32));
+        EXPECT_TRUE(harness.runUntil(
+            [&] { return !std::filesystem::exists(harness.requestsDirectory() / bridgeFileName(sampleUuid(32))); }));
+    }
+    ASSERT_TRUE(refusal);
+    EXPECT_EQ(refusal->promptID, sampleUuid(32));
+    EXPECT_FALSE(refusal->response);
+    EXPECT_EQ(refusal->errorMessage, queueBudgetExceededMessage(budget));
+    EXPECT_TRUE(harness.logged("Refused prompt " + sampleUuid(32).uppercaseString()));
+    EXPECT_THAT(harness.queuedIDs(), ::testing::ElementsAre(sampleUuid(31)));
+
+    // The prompt that was waiting is still served, and its answer frees its bytes.
+    // As its client would, so that the answer to the retry below is a new file.
+    if (!GetParam().overLoopback) {
+        ASSERT_TRUE(harness.fileSystem->removeItem(harness.responsesDirectory() / bridgeFileName(sampleUuid(32))));
+    }
+    harness.coordinator->resolvePrompt(sampleUuid(31), AgentPromptDecisionPreset::allowOnce);
+    ASSERT_TRUE(harness.waitForResponse(sampleUuid(31)));
+    EXPECT_TRUE(harness.response(sampleUuid(31))->response);
+
+    sendLate();
+    EXPECT_TRUE(harness.waitUntilQueued(sampleUuid(32)));
+    harness.coordinator->resolvePrompt(sampleUuid(32), AgentPromptDecisionPreset::blockOnce);
+    if (GetParam().overLoopback) {
+        const auto answer = decodeResponseFrame(awaitReply(harness, loopbackReply).value_or(""));
+        ASSERT_TRUE(answer);
+        EXPECT_TRUE(answer->response);
+    } else {
+        ASSERT_TRUE(harness.waitForResponse(sampleUuid(32)));
+        EXPECT_TRUE(harness.response(sampleUuid(32))->response);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Transports, ServiceHostQueueBudget,
+                         ::testing::Values(QueueBudgetCase{"File", false}, QueueBudgetCase{"Loopback", true}),
+                         [](const auto& info) { return info.param.name; });
+
 }  // namespace
 }  // namespace quillfort
