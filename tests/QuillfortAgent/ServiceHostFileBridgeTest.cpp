@@ -209,65 +209,8 @@ TEST(ServiceHostFileBridge, FocusElsewhereLeavesThePromptToTheCoordinator) {
 
 // --- What is taken from the requests directory, and in which order -----------
 
-// Lists the real directory but reports the creation dates a test chose, in a
-// listing order the test chose, so ordering does not depend on the clock.
-class ChosenDatesFileSystem final : public FileSystem {
-public:
-    explicit ChosenDatesFileSystem(std::shared_ptr<FileSystem> real) : real_(std::move(real)) {}
-
-    // File name -> date (absent: unknown). Listed in the order given here first.
-    std::vector<std::pair<std::string, std::optional<Date>>> chosen;
-
-    [[nodiscard]] Result<std::vector<DirectoryEntry>> listDirectory(const std::filesystem::path& path,
-                                                                    bool skipHidden) const override {
-        auto listing = real_->listDirectory(path, skipHidden);
-        if (!listing || chosen.empty()) return listing;
-        std::vector<DirectoryEntry> ordered;
-        for (const auto& [name, date] : chosen) {
-            for (const auto& entry : *listing) {
-                if (entry.path.filename() == name) ordered.push_back({entry.path, date});
-            }
-        }
-        return ordered;
-    }
-
-    [[nodiscard]] std::optional<std::filesystem::path> currentHomeDirectory() const override {
-        return real_->currentHomeDirectory();
-    }
-    [[nodiscard]] std::optional<std::filesystem::path> appGroupContainer(std::string_view id) const override {
-        return real_->appGroupContainer(id);
-    }
-    [[nodiscard]] std::optional<std::filesystem::path> consoleUserHomeDirectory() const override {
-        return real_->consoleUserHomeDirectory();
-    }
-    [[nodiscard]] bool exists(const std::filesystem::path& p) const override { return real_->exists(p); }
-    [[nodiscard]] bool isDirectory(const std::filesystem::path& p) const override { return real_->isDirectory(p); }
-    [[nodiscard]] VoidResult createDirectories(const std::filesystem::path& p) override {
-        return real_->createDirectories(p);
-    }
-    [[nodiscard]] VoidResult setPosixPermissions(const std::filesystem::path& p, unsigned mode) override {
-        return real_->setPosixPermissions(p, mode);
-    }
-    [[nodiscard]] VoidResult removeItem(const std::filesystem::path& p) override { return real_->removeItem(p); }
-    [[nodiscard]] Result<std::string> readFile(const std::filesystem::path& p) const override {
-        return real_->readFile(p);
-    }
-    [[nodiscard]] Result<FileIdentity> fileIdentity(const std::filesystem::path& p) const override {
-        return real_->fileIdentity(p);
-    }
-    [[nodiscard]] VoidResult writeFileAtomically(const std::filesystem::path& p, std::string_view bytes) override {
-        return real_->writeFileAtomically(p, bytes);
-    }
-    [[nodiscard]] std::filesystem::path temporaryDirectory() const override { return real_->temporaryDirectory(); }
-
-private:
-    std::shared_ptr<FileSystem> real_;
-};
-
 TEST(ServiceHostFileBridge, TakesJsonFilesEarliestFirstWithUnknownDatesFirstAndTiesInListingOrder) {
-    TemporaryDirectory scratch;
-    auto chosenDates = std::make_shared<ChosenDatesFileSystem>(std::make_shared<FakeFileSystem>(scratch.path()));
-    ServiceHostHarness harness(chosenDates);
+    ServiceHostHarness harness;
     harness.makeHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
 
     // Everything is in place before the first poll, so one cycle sees it all.
@@ -279,9 +222,13 @@ TEST(ServiceHostFileBridge, TakesJsonFilesEarliestFirstWithUnknownDatesFirstAndT
     harness.writeRequest(sampleEnvelope(5), "tie-second.json");
     harness.writeRequest(sampleEnvelope(6), "upper.JSON");
     harness.writeFile(harness.requestsDirectory() / "notes.txt", "not a request");
-    chosenDates->chosen = {{"late.json", t0 + 30s},       {"tie-first.json", t0 + 10s}, {"early.json", t0},
-                           {"tie-second.json", t0 + 10s}, {"undated.json", std::nullopt}, {"upper.JSON", t0},
-                           {"notes.txt", t0}};
+    harness.fakeFileSystem->chooseListing({{"late.json", t0 + 30s},
+                                           {"tie-first.json", t0 + 10s},
+                                           {"early.json", t0},
+                                           {"tie-second.json", t0 + 10s},
+                                           {"undated.json", std::nullopt},
+                                           {"upper.JSON", t0},
+                                           {"notes.txt", t0}});
     harness.host->start();
 
     ASSERT_TRUE(harness.runUntil([&] { return harness.queuedIDs().size() == 5; }));
@@ -414,99 +361,87 @@ AgentPromptSession sessionFor(FlowPromptRequest request, AgentPromptDecisionPres
     return session;
 }
 
-struct SnapshotCase {
-    std::string name;
-    std::function<void(AgentPromptSession&)> change;
-    std::string host;
-    std::optional<std::uint16_t> port;
-    std::string processDisplayTitle;
-};
+TEST(ServiceHostPromptSnapshot, ShowsHostPortAndProcessAsPeopleReadThem) {
+    struct Case {
+        std::string name;
+        std::function<void(AgentPromptSession&)> change;
+        std::string host;
+        std::optional<std::uint16_t> port;
+        std::string processDisplayTitle;
+    };
+    const Case cases[] = {
+        {"Sample", [](AgentPromptSession&) {}, "api.example.com", 443, "curl"},
+        {"BundleIdentifierWins",
+             [](AgentPromptSession& s) { s.request.context.matchedProcessNode->identity.bundleID = "com.x.App"; },
+             "api.example.com", 443, "com.x.App"},
+        {"EmptyBundleIdentifierFallsBackToPath",
+             [](AgentPromptSession& s) {
+                 s.request.context.matchedProcessNode->identity.bundleID = "";
+                 s.request.context.matchedProcessNode->identity.executablePath = "/opt/tools/bin/";
+             },
+             "api.example.com", 443, "bin"},
+        {"NoProcess",
+             [](AgentPromptSession& s) { s.request.context.matchedProcessNode.reset(); }, "api.example.com",
+             443, "Unknown Process"},
+        {"EmptyPath",
+             [](AgentPromptSession& s) { s.request.context.matchedProcessNode->identity.executablePath = ""; },
+             "api.example.com", 443, "Unknown Process"},
+        {"RemoteEndpointOnly",
+             [](AgentPromptSession& s) {
+                 s.request.context.matchedHostname.reset();
+                 s.request.context.flow.hostText.reset();
+                 s.request.context.flow.port.reset();
+             },
+             "93.184.216.34", 443, "curl"},
+        {"PresentEmptyHostIsKept",
+             [](AgentPromptSession& s) { s.request.context.matchedHostname = ""; }, "", 443, "curl"},
+        {"NothingKnown",
+             [](AgentPromptSession& s) {
+                 s.request.context.matchedHostname.reset();
+                 s.request.context.flow.hostText.reset();
+                 s.request.context.flow.port.reset();
+                 s.request.context.flow.remoteEndpoint.reset();
+             },
+             "unknown-host", std::nullopt, "curl"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto session = sessionFor(sampleRequest(1), AgentPromptDecisionPreset::allowOnce);
+        c.change(session);
 
-class ServiceHostPromptSnapshot : public ::testing::TestWithParam<SnapshotCase> {};
+        const auto queued = QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(session);
+        EXPECT_EQ(queued.promptID, sampleUuid(1));
+        EXPECT_EQ(queued.host, c.host);
+        EXPECT_EQ(queued.port, c.port);
+        EXPECT_EQ(queued.processDisplayTitle, c.processDisplayTitle);
 
-TEST_P(ServiceHostPromptSnapshot, ShowsHostPortAndProcessAsPeopleReadThem) {
-    const auto& param = GetParam();
-    auto session = sessionFor(sampleRequest(1), AgentPromptDecisionPreset::allowOnce);
-    param.change(session);
-
-    const auto queued = QuillfortAgentPromptServiceHost::makeQueuedPromptSnapshot(session);
-    EXPECT_EQ(queued.promptID, sampleUuid(1));
-    EXPECT_EQ(queued.host, param.host);
-    EXPECT_EQ(queued.port, param.port);
-    EXPECT_EQ(queued.processDisplayTitle, param.processDisplayTitle);
-
-    const auto active = QuillfortAgentPromptServiceHost::makeActivePromptSnapshot(session, 3);
-    EXPECT_EQ(active.queueCount, 3);
-    EXPECT_EQ(active.host, queued.host);
-    EXPECT_EQ(active.previewText, queued.previewText);
+        const auto active = QuillfortAgentPromptServiceHost::makeActivePromptSnapshot(session, 3);
+        EXPECT_EQ(active.queueCount, 3);
+        EXPECT_EQ(active.host, queued.host);
+        EXPECT_EQ(active.previewText, queued.previewText);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Sessions, ServiceHostPromptSnapshot,
-    ::testing::Values(
-        SnapshotCase{"Sample", [](AgentPromptSession&) {}, "api.example.com", 443, "curl"},
-        SnapshotCase{"BundleIdentifierWins",
-                     [](AgentPromptSession& s) { s.request.context.matchedProcessNode->identity.bundleID = "com.x.App"; },
-                     "api.example.com", 443, "com.x.App"},
-        SnapshotCase{"EmptyBundleIdentifierFallsBackToPath",
-                     [](AgentPromptSession& s) {
-                         s.request.context.matchedProcessNode->identity.bundleID = "";
-                         s.request.context.matchedProcessNode->identity.executablePath = "/opt/tools/bin/";
-                     },
-                     "api.example.com", 443, "bin"},
-        SnapshotCase{"NoProcess",
-                     [](AgentPromptSession& s) { s.request.context.matchedProcessNode.reset(); }, "api.example.com",
-                     443, "Unknown Process"},
-        SnapshotCase{"EmptyPath",
-                     [](AgentPromptSession& s) { s.request.context.matchedProcessNode->identity.executablePath = ""; },
-                     "api.example.com", 443, "Unknown Process"},
-        SnapshotCase{"RemoteEndpointOnly",
-                     [](AgentPromptSession& s) {
-                         s.request.context.matchedHostname.reset();
-                         s.request.context.flow.hostText.reset();
-                         s.request.context.flow.port.reset();
-                     },
-                     "93.184.216.34", 443, "curl"},
-        SnapshotCase{"PresentEmptyHostIsKept",
-                     [](AgentPromptSession& s) { s.request.context.matchedHostname = ""; }, "", 443, "curl"},
-        SnapshotCase{"NothingKnown",
-                     [](AgentPromptSession& s) {
-                         s.request.context.matchedHostname.reset();
-                         s.request.context.flow.hostText.reset();
-                         s.request.context.flow.port.reset();
-                         s.request.context.flow.remoteEndpoint.reset();
-                     },
-                     "unknown-host", std::nullopt, "curl"}),
-    [](const auto& info) { return info.param.name; });
 
 // --- Teardown ------------------------------------------------------------------------
 
-TEST(ServiceHostTeardown, DestroyingAStartedHostRemovesWhatItPublished) {
-    ServiceHostHarness harness;
-    harness.startHost();
-    ASSERT_TRUE(harness.runUntil([&] { return harness.fileSystem->exists(harness.statusFile()); }));
-    const auto session = harness.sessionDirectory();
-    const auto manifest = harness.container() / "QuillfortPromptAgent.endpoint";
-    ASSERT_TRUE(harness.fileSystem->exists(manifest));
+TEST(ServiceHostTeardown, DestroyingAStartedHostRemovesWhatItPublishedUnlessStoppedForProcessExit) {
+    for (const bool processExit : {false, true}) {
+        SCOPED_TRACE(processExit ? "stopped for process exit" : "destroyed");
+        ServiceHostHarness harness;
+        harness.startHost();
+        ASSERT_TRUE(harness.runUntil([&] { return harness.fileSystem->exists(harness.statusFile()); }));
+        const auto session = harness.sessionDirectory();
+        const auto manifest = harness.container() / "QuillfortPromptAgent.endpoint";
+        const auto statusFile = harness.statusFile();
+        ASSERT_TRUE(harness.fileSystem->exists(manifest));
 
-    const auto statusFile = harness.statusFile();
-    harness.destroyHost();
-    EXPECT_FALSE(harness.fileSystem->exists(session));
-    EXPECT_FALSE(harness.fileSystem->exists(manifest));
-    EXPECT_FALSE(harness.fileSystem->exists(statusFile));
-}
-
-TEST(ServiceHostTeardown, StoppingForProcessExitLeavesFilesForTheNextLaunch) {
-    ServiceHostHarness harness;
-    harness.startHost();
-    ASSERT_TRUE(harness.runUntil([&] { return harness.fileSystem->exists(harness.statusFile()); }));
-    const auto session = harness.sessionDirectory();
-
-    harness.host->stopForProcessExit();
-    harness.destroyHost();
-    EXPECT_TRUE(harness.fileSystem->exists(harness.container() / "QuillfortPromptAgent.endpoint"));
-    EXPECT_TRUE(harness.fileSystem->exists(harness.statusFile()));
-    EXPECT_TRUE(harness.fileSystem->exists(session / "Requests"));
+        if (processExit) harness.host->stopForProcessExit();
+        harness.destroyHost();
+        // Files left behind are for the next launch.
+        EXPECT_EQ(harness.fileSystem->exists(processExit ? session / "Requests" : session), processExit);
+        EXPECT_EQ(harness.fileSystem->exists(manifest), processExit);
+        EXPECT_EQ(harness.fileSystem->exists(statusFile), processExit);
+    }
 }
 
 TEST(ServiceHostTeardown, AHostThatNeverStartedLeavesAnotherAgentsFilesAlone) {

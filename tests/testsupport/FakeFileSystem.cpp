@@ -130,7 +130,20 @@ VoidResult FakeFileSystem::writeFileAtomically(const std::filesystem::path& path
 Result<std::vector<DirectoryEntry>> FakeFileSystem::listDirectory(const std::filesystem::path& path,
                                                                   bool skipHiddenEntries) const {
     if (auto err = enter(Operation::listDirectory, path)) return injected(*err, path);
-    return real_->listDirectory(path, skipHiddenEntries);
+    auto listing = real_->listDirectory(path, skipHiddenEntries);
+    std::lock_guard lock(mutex_);
+    if (!listing || listing_.empty()) return listing;
+    std::vector<DirectoryEntry> chosen;
+    for (const auto& [name, date] : listing_) {
+        for (const auto& entry : *listing)
+            if (entry.path.filename() == name) chosen.push_back({entry.path, date});
+    }
+    return chosen;
+}
+
+void FakeFileSystem::chooseListing(std::vector<std::pair<std::string, std::optional<std::chrono::system_clock::time_point>>> listing) {
+    std::lock_guard lock(mutex_);
+    listing_ = std::move(listing);
 }
 
 std::filesystem::path FakeFileSystem::temporaryDirectory() const {

@@ -3,10 +3,13 @@
 // operations can be made to fail with a given errno.
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/FileSystem.hpp"
@@ -50,6 +53,10 @@ public:
     // Paths are compared in lexically normal form.
     void failOn(Operation operation, const std::filesystem::path& path, int err);
     void clearFailures();
+    // Directory listings give only these names, in this order, with these
+    // creation dates (absent: unknown), so that ordering does not depend on
+    // the clock; an empty list lists the disk as it is.
+    void chooseListing(std::vector<std::pair<std::string, std::optional<std::chrono::system_clock::time_point>>> listing);
 
     // Calls so far, failed ones included.
     [[nodiscard]] std::vector<Call> calls() const;
@@ -90,6 +97,7 @@ private:
     std::filesystem::path temporaryDirectory_{"/tmp"};
     mutable std::vector<Rule> rules_;
     mutable std::vector<Call> calls_;
+    std::vector<std::pair<std::string, std::optional<std::chrono::system_clock::time_point>>> listing_;
 };
 
 }  // namespace quillfort::testing
