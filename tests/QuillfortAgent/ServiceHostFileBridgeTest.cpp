@@ -278,40 +278,34 @@ INSTANTIATE_TEST_SUITE_P(
 
 // --- Automation commands --------------------------------------------------------
 
-struct CommandCase {
-    FlowPromptAutomationPreset preset;
-    RuleAction action;
-    RuleScope scope;
-};
+TEST(ServiceHostAutomationCommand, ResolvesTheQueuedPromptWithThePresetOfTheSamePosition) {
+    struct Case {
+        FlowPromptAutomationPreset preset;
+        RuleAction action;
+        RuleScope scope;
+    };
+    for (const auto& c : {Case{FlowPromptAutomationPreset::allowOnce, RuleAction::allow, RuleScope::temporary},
+                          Case{FlowPromptAutomationPreset::allowSession, RuleAction::allow, RuleScope::session},
+                          Case{FlowPromptAutomationPreset::blockPermanent, RuleAction::drop, RuleScope::persistent}}) {
+        SCOPED_TRACE(rawValue(c.preset));
+        ServiceHostHarness harness;
+        harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+        harness.writeRequest(sampleEnvelope(40));
+        ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(40)));
 
-class ServiceHostAutomationCommand : public ::testing::TestWithParam<CommandCase> {};
-
-TEST_P(ServiceHostAutomationCommand, ResolvesTheQueuedPromptWithThePresetOfTheSamePosition) {
-    const auto& param = GetParam();
-    ServiceHostHarness harness;
-    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
-    harness.writeRequest(sampleEnvelope(40));
-    ASSERT_TRUE(harness.waitUntilQueued(sampleUuid(40)));
-
-    harness.writeCommand(sampleUuid(40), param.preset);
-    ASSERT_TRUE(harness.waitForResponse(sampleUuid(40)));
-    const auto answer = *harness.response(sampleUuid(40));
-    ASSERT_TRUE(answer.response);
-    EXPECT_EQ(answer.response->action, param.action);
-    EXPECT_EQ(answer.response->scope, param.scope);
-    EXPECT_FALSE(harness.fileSystem->exists(harness.commandFile()));
-    EXPECT_TRUE(harness.logged("Applying prompt automation command for " + sampleUuid(40).uppercaseString() +
-                               " using preset " + std::string(rawValue(param.preset)) + "."));
-    // Session answers are kept in the shared snapshot as well as lasting ones.
-    EXPECT_EQ(harness.fileSystem->exists(harness.ruleSnapshotFile()), param.scope != RuleScope::temporary);
+        harness.writeCommand(sampleUuid(40), c.preset);
+        ASSERT_TRUE(harness.waitForResponse(sampleUuid(40)));
+        const auto answer = *harness.response(sampleUuid(40));
+        ASSERT_TRUE(answer.response);
+        EXPECT_EQ(answer.response->action, c.action);
+        EXPECT_EQ(answer.response->scope, c.scope);
+        EXPECT_FALSE(harness.fileSystem->exists(harness.commandFile()));
+        EXPECT_TRUE(harness.logged("Applying prompt automation command for " + sampleUuid(40).uppercaseString() +
+                                   " using preset " + std::string(rawValue(c.preset)) + "."));
+        // Session answers are kept in the shared snapshot as well as lasting ones.
+        EXPECT_EQ(harness.fileSystem->exists(harness.ruleSnapshotFile()), c.scope != RuleScope::temporary);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Presets, ServiceHostAutomationCommand,
-    ::testing::Values(CommandCase{FlowPromptAutomationPreset::allowOnce, RuleAction::allow, RuleScope::temporary},
-                      CommandCase{FlowPromptAutomationPreset::allowSession, RuleAction::allow, RuleScope::session},
-                      CommandCase{FlowPromptAutomationPreset::blockPermanent, RuleAction::drop,
-                                  RuleScope::persistent}));
 
 TEST(ServiceHostAutomationCommand, CommandPresentAtStartIsClearedUnapplied) {
     ServiceHostHarness harness;

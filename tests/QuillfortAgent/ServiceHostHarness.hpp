@@ -57,9 +57,7 @@ struct ServiceHostOptions {
 
 class ServiceHostHarness {
 public:
-    explicit ServiceHostHarness(std::shared_ptr<FileSystem> fileSystemOverride = nullptr)
-        : fakeFileSystem(std::make_shared<FakeFileSystem>(home.path())),
-          fileSystem(fileSystemOverride ? std::move(fileSystemOverride) : fakeFileSystem) {
+    ServiceHostHarness() : fakeFileSystem(std::make_shared<FakeFileSystem>(home.path())), fileSystem(fakeFileSystem) {
         coordinator = std::make_shared<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
             .processInfo = {},
             .userDefaults = std::make_shared<InMemoryUserDefaults>(),
