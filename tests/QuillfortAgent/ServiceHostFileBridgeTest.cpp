@@ -238,43 +238,38 @@ TEST(ServiceHostFileBridge, TakesJsonFilesEarliestFirstWithUnknownDatesFirstAndT
     EXPECT_TRUE(harness.fileSystem->exists(harness.requestsDirectory() / "notes.txt"));
 }
 
-struct InvalidRequestCase {
-    std::string name;
-    std::string fileName;
-    std::string content;
-    Uuid expectedPromptID;
-};
-
-class ServiceHostInvalidRequest : public ::testing::TestWithParam<InvalidRequestCase> {};
-
-TEST_P(ServiceHostInvalidRequest, IsAnsweredWithTheDecodeErrorAndRemoved) {
-    const auto& param = GetParam();
-    ServiceHostHarness harness;
-    harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
-    const auto file = harness.requestsDirectory() / param.fileName;
-    harness.writeFile(file, param.content);
-
-    ASSERT_TRUE(harness.waitForResponse(param.expectedPromptID));
-    const auto answer = *harness.response(param.expectedPromptID);
-    EXPECT_EQ(answer.errorMessage, std::string(decodeFailureText));
-    EXPECT_FALSE(answer.response);
-    EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(file); }));
-    EXPECT_TRUE(harness.waitForLog("Failed to decode prompt bridge request: "));
-    // Nothing was received as far as the status goes.
-    EXPECT_FALSE(harness.host->status().lastPromptReceivedAt);
-    EXPECT_FALSE(harness.host->status().lastPromptResolvedAt);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Files, ServiceHostInvalidRequest,
-    ::testing::Values(
+TEST(ServiceHostInvalidRequest, IsAnsweredWithTheDecodeErrorAndRemoved) {
+    struct Case {
+        std::string fileName;
+        std::string content;
+        Uuid expectedPromptID;
+    };
+    const Case cases[] = {
         // The session identifier took identifier 100, so the next random one is 101.
-        InvalidRequestCase{"NameNotAUuid", "garbage.json", "{not json", uuidNumber(101)},
-        InvalidRequestCase{"NamedAfterAUuid", bridgeFileName(sampleUuid(20)), "[]", sampleUuid(20)},
-        InvalidRequestCase{"LowerCaseUuidName", "00000000-0000-4000-8000-00000000001e.json", "", sampleUuid(30)},
-        InvalidRequestCase{"MissingCreatedAt", bridgeFileName(sampleUuid(21)),
-                           R"({"request":)" + encodeCompact(sampleRequest(21)) + "}", sampleUuid(21)}),
-    [](const auto& info) { return info.param.name; });
+        {"garbage.json", "{not json", uuidNumber(101)},
+        {bridgeFileName(sampleUuid(20)), "[]", sampleUuid(20)},
+        {"00000000-0000-4000-8000-00000000001e.json", "", sampleUuid(30)},  // a lower-case name
+        {bridgeFileName(sampleUuid(21)), R"({"request":)" + encodeCompact(sampleRequest(21)) + "}",
+         sampleUuid(21)},  // no creation date
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fileName);
+        ServiceHostHarness harness;
+        harness.startHost({.environment = {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+        const auto file = harness.requestsDirectory() / c.fileName;
+        harness.writeFile(file, c.content);
+
+        ASSERT_TRUE(harness.waitForResponse(c.expectedPromptID));
+        const auto answer = *harness.response(c.expectedPromptID);
+        EXPECT_EQ(answer.errorMessage, std::string(decodeFailureText));
+        EXPECT_FALSE(answer.response);
+        EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(file); }));
+        EXPECT_TRUE(harness.waitForLog("Failed to decode prompt bridge request: "));
+        // Nothing was received as far as the status goes.
+        EXPECT_FALSE(harness.host->status().lastPromptReceivedAt);
+        EXPECT_FALSE(harness.host->status().lastPromptResolvedAt);
+    }
+}
 
 // --- Automation commands --------------------------------------------------------
 
