@@ -448,49 +448,41 @@ TEST(ServiceHostTeardown, AHostThatNeverStartedLeavesAnotherAgentsFilesAlone) {
 
 // --- Faults ---------------------------------------------------------------------
 
-struct WriteFaultCase {
-    std::string name;
-    bool snapshot;  // the rule snapshot fails, else the response file
-    int error;
-    std::string logged;
-};
+TEST(ServiceHostWriteFault, IsLoggedAndLaterRequestsAreStillAnswered) {
+    struct Case {
+        bool snapshot;  // the rule snapshot fails, else the response file
+        int error;
+        std::string logged;
+    };
+    for (const auto& c :
+         {Case{true, ENOSPC, "Failed to persist the prompt-resolved shared rule snapshot in the agent helper: "},
+          Case{false, EACCES,
+               "Failed to write prompt bridge response for " + sampleUuid(1).uppercaseString() + ": "}}) {
+        SCOPED_TRACE(c.logged);
+        ServiceHostHarness harness;
+        harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-permanent"},
+                                           {"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
+        const auto failing =
+            c.snapshot ? harness.ruleSnapshotFile() : harness.responsesDirectory() / bridgeFileName(sampleUuid(1));
+        harness.fakeFileSystem->failOn(FakeFileSystem::Operation::writeFileAtomically, failing, c.error);
 
-class ServiceHostWriteFault : public ::testing::TestWithParam<WriteFaultCase> {};
+        const auto first = harness.writeRequest(sampleEnvelope(1));
+        EXPECT_TRUE(harness.waitForLog(c.logged));
+        EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(first); }));
+        // A snapshot that cannot be saved does not hold the answer back.
+        if (c.snapshot) {
+            EXPECT_TRUE(harness.waitForResponse(sampleUuid(1)));
+        }
+        EXPECT_FALSE(harness.fileSystem->exists(failing));
 
-TEST_P(ServiceHostWriteFault, IsLoggedAndLaterRequestsAreStillAnswered) {
-    const auto& c = GetParam();
-    ServiceHostHarness harness;
-    harness.startHost({.environment = {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-permanent"},
-                                       {"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}}});
-    const auto failing =
-        c.snapshot ? harness.ruleSnapshotFile() : harness.responsesDirectory() / bridgeFileName(sampleUuid(1));
-    harness.fakeFileSystem->failOn(FakeFileSystem::Operation::writeFileAtomically, failing, c.error);
-
-    const auto first = harness.writeRequest(sampleEnvelope(1));
-    EXPECT_TRUE(harness.waitForLog(c.logged));
-    EXPECT_TRUE(harness.runUntil([&] { return !harness.fileSystem->exists(first); }));
-    // A snapshot that cannot be saved does not hold the answer back.
-    if (c.snapshot) {
-        EXPECT_TRUE(harness.waitForResponse(sampleUuid(1)));
+        harness.fakeFileSystem->clearFailures();
+        harness.writeRequest(sampleEnvelope(2));
+        ASSERT_TRUE(harness.waitForResponse(sampleUuid(2)));
+        auto snapshot = RuleSnapshotStore(*harness.fileSystem, harness.ruleSnapshotFile()).loadIfPresent();
+        ASSERT_TRUE(snapshot && *snapshot);
+        EXPECT_THAT((*snapshot)->rules, SizeIs(c.snapshot ? 1 : 2));
     }
-    EXPECT_FALSE(harness.fileSystem->exists(failing));
-
-    harness.fakeFileSystem->clearFailures();
-    harness.writeRequest(sampleEnvelope(2));
-    ASSERT_TRUE(harness.waitForResponse(sampleUuid(2)));
-    auto snapshot = RuleSnapshotStore(*harness.fileSystem, harness.ruleSnapshotFile()).loadIfPresent();
-    ASSERT_TRUE(snapshot && *snapshot);
-    EXPECT_THAT((*snapshot)->rules, SizeIs(c.snapshot ? 1 : 2));
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Faults, ServiceHostWriteFault,
-    ::testing::Values(
-        WriteFaultCase{"SnapshotOnAFullDisk", true, ENOSPC,
-                       "Failed to persist the prompt-resolved shared rule snapshot in the agent helper: "},
-        WriteFaultCase{"ResponseWithoutPermission", false, EACCES,
-                       "Failed to write prompt bridge response for " + sampleUuid(1).uppercaseString() + ": "}),
-    [](const auto& info) { return info.param.name; });
 
 TEST(ServiceHostFileBridge, RemovedRequestsDirectoryIsLoggedOnceWhilePollingGoesOn) {
     ServiceHostHarness harness;
