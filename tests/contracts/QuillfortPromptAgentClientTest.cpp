@@ -10,17 +10,13 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <fstream>
 #include <functional>
 #include <future>
-#include <iterator>
 #include <mutex>
-#include <set>
 #include <thread>
 
 #include <gtest/gtest.h>
 
-#include "contracts/FlowPromptAutomation.hpp"
 #include "contracts/PromptFrame.hpp"
 #include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
 #include "contracts/QuillfortPromptEndpointStore.hpp"
@@ -38,10 +34,6 @@ namespace Messages = QuillfortPromptAgentClientMessages;
 using namespace std::chrono_literals;
 
 constexpr double generousTimeout = 20.0;
-
-FlowPromptRequest sampleRequest() {
-    return FlowPromptRequest{testing::sampleUuid(7), testing::sampleFlowContext(), std::nullopt};
-}
 
 FlowPromptRequest requestFor(std::uint64_t id, std::string host = "api.example.com") {
     FlowPromptRequest request{testing::sampleUuid(id), testing::sampleFlowContext(), std::nullopt};
@@ -213,13 +205,13 @@ TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFailsBeforeSubmitReturns)
     QuillfortPromptAgentClient client(fileSystem, home.path(), std::nullopt, std::nullopt);
 
     std::optional<QuillfortPromptAgentClientResult> delivered;
-    client.submit(sampleRequest(), [&](QuillfortPromptAgentClientResult result) { delivered = std::move(result); });
+    client.submit(requestFor(7), [&](QuillfortPromptAgentClientResult result) { delivered = std::move(result); });
 
     ASSERT_TRUE(delivered.has_value());
     EXPECT_EQ(delivered->error(), ClientError::missingEndpoint());
     // A host name is not an IPv4 address.
     EXPECT_EQ(QuillfortPromptAgentClient(fileSystem, home.path(), "localhost", 27839)
-                  .submitSync(sampleRequest(), generousTimeout)
+                  .submitSync(requestFor(7), generousTimeout)
                   .error(),
               ClientError::invalidEndpointData());
 }
@@ -227,7 +219,7 @@ TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFailsBeforeSubmitReturns)
 TEST_F(ClientBridgeTest, AnswerOverTheBridgeIsReturnedAndItsFileRemoved) {
     auto agent = answerOnce(responseEnvelopeJson(sampleResponse()));
 
-    auto result = client().submitSync(sampleRequest(), generousTimeout);
+    auto result = client().submitSync(requestFor(7), generousTimeout);
     agent.get();
 
     ASSERT_TRUE(result.has_value()) << result.error();
@@ -236,7 +228,7 @@ TEST_F(ClientBridgeTest, AnswerOverTheBridgeIsReturnedAndItsFileRemoved) {
     // The request file is the agent's to remove once it has answered.
     auto written = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*fileSystem_->readFile(requestFile()));
     ASSERT_TRUE(written.has_value());
-    EXPECT_EQ(written->request, sampleRequest());
+    EXPECT_EQ(written->request, requestFor(7));
 }
 
 struct BridgeAnswerCase {
@@ -253,7 +245,7 @@ TEST_P(ClientBridgeAnswerTest, UnsuccessfulAnswersMapToTheirErrorsWithoutFallbac
     StandInLoopbackAgent loopback(StandInLoopbackAgent::frame(responseEnvelopeJson(sampleResponse())));
     auto agent = answerOnce(param.answer);
 
-    auto result = client("127.0.0.1", loopback.port()).submitSync(sampleRequest(), generousTimeout);
+    auto result = client("127.0.0.1", loopback.port()).submitSync(requestFor(7), generousTimeout);
     agent.get();
 
     ASSERT_FALSE(result.has_value());
@@ -271,31 +263,27 @@ INSTANTIATE_TEST_SUITE_P(
         BridgeAnswerCase{"NotAnEnvelope", R"({"promptID":"nope"})", ClientError::invalidResponseDecoding(), true}),
     [](const auto& info) { return info.param.name; });
 
-TEST_F(ClientBridgeTest, UnwritableBridgeFailsWithTheBridgeWriteTextOrFallsBackToLoopback) {
-    fileSystem_->failOn(FakeFileSystem::Operation::writeFileAtomically, requestFile(), EROFS);
-    EXPECT_EQ(client().submitSync(sampleRequest(), generousTimeout).error(),
-              ClientError::transportFailure(std::string(Messages::bridgeWriteFailed)));
-
-    StandInLoopbackAgent loopback(StandInLoopbackAgent::frame(responseEnvelopeJson(sampleResponse())));
-
-    auto result = client("127.0.0.1", loopback.port()).submitSync(sampleRequest(), generousTimeout);
-
-    ASSERT_TRUE(result.has_value()) << result.error();
-    EXPECT_EQ(*result, sampleResponse());
-    ASSERT_TRUE(loopback.lastRequest().has_value());
-    EXPECT_EQ(loopback.lastRequest()->request, sampleRequest());
-}
-
-TEST_F(ClientBridgeTest, ServiceManifestIsUnavailableAndFallsBackToLoopback) {
-    ASSERT_TRUE(QuillfortPromptEndpointStore::save("agent.service", *fileSystem_, home_.path()));
-
-    EXPECT_EQ(client().submitSync(sampleRequest(), generousTimeout).error(),
-              ClientError::transportFailure(std::string(Messages::machServiceUnavailable)));
-
-    StandInLoopbackAgent loopback(StandInLoopbackAgent::frame(responseEnvelopeJson(sampleResponse())));
-    auto result = client("127.0.0.1", loopback.port()).submitSync(sampleRequest(), generousTimeout);
-    ASSERT_TRUE(result.has_value()) << result.error();
-    EXPECT_EQ(loopback.connections(), 1);
+// A bridge the client cannot use fails with its own text; a loopback endpoint
+// given beside it is taken instead.
+TEST_F(ClientBridgeTest, UnusableBridgeFailsWithItsTextOrFallsBackToLoopback) {
+    const std::pair<std::function<void()>, std::string_view> cases[] = {
+        {[&] { fileSystem_->failOn(FakeFileSystem::Operation::writeFileAtomically, requestFile(), EROFS); },
+         Messages::bridgeWriteFailed},
+        {[&] { ASSERT_TRUE(QuillfortPromptEndpointStore::save("agent.service", *fileSystem_, home_.path())); },
+         Messages::machServiceUnavailable},
+    };
+    for (const auto& [breakBridge, text] : cases) {
+        SCOPED_TRACE(text);
+        breakBridge();
+        EXPECT_EQ(client().submitSync(requestFor(7), generousTimeout).error(),
+                  ClientError::transportFailure(std::string(text)));
+        StandInLoopbackAgent loopback(StandInLoopbackAgent::frame(responseEnvelopeJson(sampleResponse())));
+        const auto result = client("127.0.0.1", loopback.port()).submitSync(requestFor(7), generousTimeout);
+        ASSERT_TRUE(result.has_value()) << result.error();
+        EXPECT_EQ(*result, sampleResponse());
+        ASSERT_TRUE(loopback.lastRequest().has_value());
+        EXPECT_EQ(loopback.lastRequest()->request, requestFor(7));
+    }
 }
 
 TEST_F(ClientBridgeTest, TimeOutRemovesRequestAndResponseFiles) {
@@ -303,7 +291,7 @@ TEST_F(ClientBridgeTest, TimeOutRemovesRequestAndResponseFiles) {
     // and must clean it up together with its request when it gives up.
     auto agent = answerOnce("");
 
-    auto result = client().submitSync(sampleRequest(), 2.0);
+    auto result = client().submitSync(requestFor(7), 2.0);
     agent.get();
 
     EXPECT_EQ(result.error(), ClientError::transportFailure(std::string(Messages::timedOut)));
@@ -316,7 +304,7 @@ TEST_F(ClientBridgeTest, StaleResponseIsRemovedBeforeTheRequestAppears) {
     ASSERT_TRUE(fileSystem_->createDirectories(responseFile().parent_path()));
     ASSERT_TRUE(fileSystem_->writeFileAtomically(responseFile(), responseEnvelopeJson(sampleResponse())));
 
-    auto result = client().submitSync(sampleRequest(), 0.3);
+    auto result = client().submitSync(requestFor(7), 0.3);
 
     // The old answer was never taken for this request.
     EXPECT_EQ(result.error(), ClientError::transportFailure(std::string(Messages::timedOut)));
@@ -357,7 +345,7 @@ TEST(QuillfortPromptAgentClient, BadLoopbackRepliesAreTransportFailures) {
         SCOPED_TRACE(c.name);
         StandInLoopbackAgent loopback(c.replyBytes);
         QuillfortPromptAgentClient client(fileSystem, home.path(), "127.0.0.1", loopback.port());
-        const auto result = client.submitSync(sampleRequest(), generousTimeout);
+        const auto result = client.submitSync(requestFor(7), generousTimeout);
         ASSERT_FALSE(result.has_value());
         EXPECT_EQ(result.error(), c.expected);
     }
@@ -392,7 +380,7 @@ TEST_F(ClientBridgeTest, APromptWhoseCallerGaveUpIsNeverWritten) {
     std::promise<void> holding;
     std::promise<void> release;
     auto answered = answerOnce(responseEnvelopeJson(sampleResponse()));
-    bridgeClient.submit(sampleRequest(), [&holding, released = release.get_future().share()](auto) {
+    bridgeClient.submit(requestFor(7), [&holding, released = release.get_future().share()](auto) {
         holding.set_value();
         released.wait();
     });
@@ -414,63 +402,10 @@ TEST_F(ClientBridgeTest, APromptWhoseCallerGaveUpIsNeverWritten) {
               0);
 }
 
-// Plays the agent's side of the bridge for as long as it lives: answers the
-// requests `answer` has an answer for and leaves the others waiting.
-class StandInBridgeAgent {
-public:
-    using Answer = std::function<std::optional<std::string>(const FlowPromptRequest&)>;
-
-    StandInBridgeAgent(std::filesystem::path session, Answer answer)
-        : session_(std::move(session)), answer_(std::move(answer)), thread_([this] { serve(); }) {}
-    ~StandInBridgeAgent() {
-        stop_ = true;
-        thread_.join();
-    }
-
-    [[nodiscard]] int heldOpen() const { return heldCount_; }
-
-private:
-    void serve() {
-        std::set<std::filesystem::path> seen;
-        while (!stop_) {
-            std::error_code error;
-            for (const auto& entry : std::filesystem::directory_iterator(session_ / "Requests", error)) {
-                if (entry.path().extension() != ".json" || seen.contains(entry.path())) continue;
-                auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(readWhole(entry.path()));
-                if (!envelope) continue;  // still being written
-                seen.insert(entry.path());
-                if (auto reply = answer_(envelope->request))
-                    writeWhole(session_ / "Responses" / entry.path().filename(), *reply);
-                else
-                    ++heldCount_;
-            }
-            std::this_thread::sleep_for(10ms);
-        }
-    }
-
-    static std::string readWhole(const std::filesystem::path& path) {
-        std::ifstream in(path, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
-    static void writeWhole(const std::filesystem::path& path, std::string_view bytes) {
-        const auto temporary = path.string() + ".partial";
-        std::ofstream(temporary, std::ios::binary) << bytes;
-        std::filesystem::rename(temporary, path);
-    }
-
-    std::filesystem::path session_;
-    Answer answer_;
-    std::atomic<bool> stop_{false};
-    std::atomic<int> heldCount_{0};
-    std::thread thread_;
-};
-
 struct ManyWaitingCase {
     std::string name;
     bool overLoopback;
 };
-
-void PrintTo(const ManyWaitingCase& param, std::ostream* out) { *out << param.name; }
 
 class ClientManyWaitingTest : public ClientBridgeTest, public ::testing::WithParamInterface<ManyWaitingCase> {};
 
@@ -478,33 +413,33 @@ class ClientManyWaitingTest : public ClientBridgeTest, public ::testing::WithPar
 // for another flow must not queue behind them, and when the client goes away
 // every waiting submission still hears how it ended.
 TEST_P(ClientManyWaitingTest, AutomatedPromptCompletesWhileSixtyFourWait) {
-    const FlowPromptAutomationDirective automation{FlowPromptAutomationPreset::allowOnce,
-                                                   FlowPromptAutomationFocus::make("auto.example.com", std::nullopt)};
-    auto automatedAnswer = [automation](const FlowPromptRequest& request) -> std::optional<std::string> {
-        auto response = automation.makeResponseIfMatch(request);
-        if (!response) return std::nullopt;
-        return encodeCompact(QuillfortPromptBridgeResponseEnvelope{request.id, *response, std::nullopt,
-                                                                   testing::sampleDate()});
-    };
+    auto automated = sampleResponse();
+    automated.promptID = testing::sampleUuid(1);
+    const auto automatedEnvelope = encodeCompact(
+        QuillfortPromptBridgeResponseEnvelope{automated.promptID, automated, std::nullopt, testing::sampleDate()});
     std::optional<StandInLoopbackAgent> loopback;
-    std::optional<StandInBridgeAgent> bridge;
     TemporaryDirectory homeWithoutManifest;
     std::optional<QuillfortPromptAgentClient> waitingClient;
     if (GetParam().overLoopback) {
         loopback.emplace(StandInLoopbackAgent::Answer(
             [&](const std::optional<QuillfortPromptBridgeRequestEnvelope>& envelope) -> std::optional<std::string> {
                 if (!envelope) return std::string();
-                auto answer = automatedAnswer(envelope->request);
-                if (!answer) return std::nullopt;
-                return StandInLoopbackAgent::frame(*answer);
+                if (envelope->request.id != automated.promptID) return std::nullopt;
+                return StandInLoopbackAgent::frame(automatedEnvelope);
             }));
         waitingClient.emplace(std::make_shared<FakeFileSystem>(homeWithoutManifest.path()),
                               homeWithoutManifest.path(), "127.0.0.1", loopback->port());
     } else {
-        bridge.emplace(session_, automatedAnswer);
         waitingClient.emplace(client());
     }
-    const auto heldOpen = [&] { return loopback ? loopback->heldOpen() : bridge->heldOpen(); };
+    const auto heldOpen = [&] {
+        if (loopback) return loopback->heldOpen();
+        std::error_code error;
+        int requests = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(session_ / "Requests", error))
+            requests += entry.path().extension() == ".json";
+        return requests;
+    };
 
     std::mutex lock;
     std::vector<QuillfortPromptAgentClientResult> waitingResults;
@@ -516,11 +451,13 @@ TEST_P(ClientManyWaitingTest, AutomatedPromptCompletesWhileSixtyFourWait) {
     }
     ASSERT_TRUE(eventually([&] { return heldOpen() == 64; })) << heldOpen() << " prompts reached the agent";
 
-    const auto automated = waitingClient->submitSync(requestFor(1, "auto.example.com"), generousTimeout);
+    std::optional<std::future<void>> bridgeAnswer;
+    if (!loopback) bridgeAnswer = answerOnce(automatedEnvelope, 1);
+    const auto answered = waitingClient->submitSync(requestFor(1, "auto.example.com"), generousTimeout);
+    if (bridgeAnswer) bridgeAnswer->get();
 
-    ASSERT_TRUE(automated.has_value()) << automated.error();
-    EXPECT_EQ(automated->promptID, testing::sampleUuid(1));
-    EXPECT_EQ(automated->action, RuleAction::allow);
+    ASSERT_TRUE(answered.has_value()) << answered.error();
+    EXPECT_EQ(*answered, automated);
     {
         std::lock_guard guard(lock);
         EXPECT_TRUE(waitingResults.empty()) << "the automated answer came after a waiting one ended";
@@ -530,8 +467,8 @@ TEST_P(ClientManyWaitingTest, AutomatedPromptCompletesWhileSixtyFourWait) {
     ASSERT_EQ(waitingResults.size(), 64U);
     for (const auto& result : waitingResults)
         EXPECT_EQ(result.error(), ClientError::transportFailure(std::string(Messages::clientStopped)));
-    if (bridge) {
-        // Nobody reads their answers any more, so their requests are withdrawn.
+    // Nobody reads their answers any more, so their requests are withdrawn.
+    if (!loopback) {
         for (std::uint64_t id = 100; id < 164; ++id) EXPECT_FALSE(std::filesystem::exists(requestFile(id))) << id;
     }
 }

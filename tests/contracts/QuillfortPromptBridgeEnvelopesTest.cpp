@@ -15,6 +15,7 @@ constexpr std::string_view kID = R"("6F1C2A9E-0B4D-4E8F-9A7C-3D2E1F0A5B6C")";
 constexpr std::string_view kDate = R"("2026-01-31T08:15:00Z")";
 
 TEST(QuillfortPromptBridgeEnvelopes, EnvelopesAreCompactInFieldOrderAndRoundTrip) {
+    EXPECT_EQ(bridgeFileName(kPromptID), std::string(kID.substr(1, 36)) + ".json");
     const QuillfortPromptBridgeRequestEnvelope request{sampleRequest(), kCreatedAt};
     const std::string requestText = encodeCompact(request);
     EXPECT_TRUE(requestText.starts_with(R"({"request":{"id":)" + std::string(kID)));
@@ -60,10 +61,6 @@ TEST(QuillfortPromptBridgeEnvelopes, DecodingNeedsRequiredKeysAndReadsNullAsAbse
     EXPECT_EQ(responseError(R"({"promptID":)" + id + R"(,"response":null,"errorMessage":null,"createdAt":)" + date +
                             "}"),
               "decoded");
-}
-
-TEST(QuillfortPromptBridgeEnvelopes, FileNameIsUpperCaseIdWithJsonExtension) {
-    EXPECT_EQ(bridgeFileName(kPromptID), "6F1C2A9E-0B4D-4E8F-9A7C-3D2E1F0A5B6C.json");
 }
 
 }  // namespace
