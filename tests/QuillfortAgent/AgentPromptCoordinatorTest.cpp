@@ -324,25 +324,20 @@ TEST(AgentPromptCoordinator, ReusedSignerRuleIsRewrittenForLastingAnswers) {
     h.rules->rules = {testing::sampleRule(), existing};
     h.rules->rules[0].id = testing::uuidNumber(50);
 
-    for (auto preset : {P::allowOnce, P::allowPermanent}) {
-        h.receive("api.example.com", 1);
-        const auto& session = h.coordinator->activePrompts().value()[0];
-        ASSERT_TRUE(session.signerChangeCandidate);
-        EXPECT_EQ(session.signerChangeCandidate->previousSigner, "com.old.curl");
-        EXPECT_EQ(session.signerReuseTemplateRule, existing);
-        EXPECT_TRUE(session.reuseExistingSignerRule);
-        h.coordinator->resolvePrompt(testing::uuidNumber(1), preset);
+    // Whether a one-time answer carries a rule is the session's own test.
+    h.receive("api.example.com", 1);
+    const auto& session = h.coordinator->activePrompts().value()[0];
+    ASSERT_TRUE(session.signerChangeCandidate);
+    EXPECT_EQ(session.signerChangeCandidate->previousSigner, "com.old.curl");
+    EXPECT_EQ(session.signerReuseTemplateRule, existing);
+    EXPECT_TRUE(session.reuseExistingSignerRule);
+    h.coordinator->resolvePrompt(testing::uuidNumber(1), P::allowPermanent);
 
-        const auto& rule = h.replies.received.back().suggestedRule;
-        if (preset == P::allowOnce) {
-            EXPECT_FALSE(rule) << "a one-time answer carries no rule";
-            continue;
-        }
-        ASSERT_TRUE(rule) << preset;
-        EXPECT_EQ(rule->id, existing.id);
-        EXPECT_THAT(rule->subject, ::testing::Contains(RuleSubject::signingID("com.apple.curl")));
-        EXPECT_THAT(rule->subject, Not(::testing::Contains(RuleSubject::signingID("com.old.curl"))));
-    }
+    const auto& rule = h.replies.received.back().suggestedRule;
+    ASSERT_TRUE(rule);
+    EXPECT_EQ(rule->id, existing.id);
+    EXPECT_THAT(rule->subject, ::testing::Contains(RuleSubject::signingID("com.apple.curl")));
+    EXPECT_THAT(rule->subject, Not(::testing::Contains(RuleSubject::signingID("com.old.curl"))));
 }
 
 TEST(AgentPromptCoordinator, PreviewPromptsAreQueuedAsRequestedAndAnsweredLikeAnyOther) {
