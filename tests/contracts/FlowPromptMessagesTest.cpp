@@ -21,7 +21,6 @@ void expectRoundTrip(const T& value) {
 
 TEST(FlowPromptMessages, EveryMessageRoundTrips) {
     auto request = sampleRequest();
-    expectRoundTrip(request);
     testing::SequentialUuidSource ids;
     auto selection = FlowPromptRuleBuilder::defaultSelection(request);
     auto rule = FlowPromptRuleBuilder::buildSuggestedRule(request, RuleAction::drop, RuleScope::persistent, selection, ids);

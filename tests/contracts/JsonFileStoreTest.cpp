@@ -126,15 +126,5 @@ TEST_F(JsonFileStores, CommandWithUnknownPresetFailsToLoad) {
     }
 }
 
-TEST_F(JsonFileStores, SharedContainerFileNames) {
-    const fs::path container = temp.path() / "home/Library/Group Containers/group.com.vessimo.Quillfort.shared";
-    EXPECT_EQ(RuleSnapshotStore::inSharedContainer(fileSystem, std::nullopt).snapshotURL(),
-              container / "RuleSnapshot.json");
-    EXPECT_EQ(PromptAgentStatusStore::inSharedContainer(fileSystem, std::nullopt).snapshotURL(),
-              container / "PromptAgentStatus.json");
-    EXPECT_EQ(PromptAgentAutomationCommandStore::inSharedContainer(fileSystem, std::nullopt).commandURL(),
-              container / "PromptAgentAutomationCommand.json");
-}
-
 }  // namespace
 }  // namespace quillfort

@@ -407,6 +407,8 @@ struct ManyWaitingCase {
     bool overLoopback;
 };
 
+void PrintTo(const ManyWaitingCase& param, std::ostream* out) { *out << param.name; }
+
 class ClientManyWaitingTest : public ClientBridgeTest, public ::testing::WithParamInterface<ManyWaitingCase> {};
 
 // Sixty-four prompts wait for a user who does not come; an automated answer

@@ -109,33 +109,29 @@ TEST(QuillfortPromptEndpointStore, UsesSharedBridgeOnlyAtComponentBoundaries) {
     }
 }
 
+// Inside the bridge directories are created and everything is opened to every
+// user; outside it nothing is created and nothing is touched.
 TEST(QuillfortPromptEndpointStore, EnsureAccessibleSetsPermissionsOnlyInsideTheBridge) {
     TemporaryDirectory temp;
     FakeFileSystem fileSystem;
     fileSystem.setAppGroupContainer(temp.path() / "Bridge");
-
-    const fs::path inside = temp.path() / "Bridge/S/Requests";
-    ASSERT_TRUE(store::ensureAccessibleDirectory(inside, fileSystem));
-    EXPECT_TRUE(fs::is_directory(inside));
-    EXPECT_EQ(permissionsOf(inside), 0777u);
-
-    const fs::path insideFile = inside / "A.json";
-    writeText(insideFile, "{}");
-    fs::permissions(insideFile, fs::perms(0600));
-    ASSERT_TRUE(store::ensureAccessibleFile(insideFile, fileSystem));
-    EXPECT_EQ(permissionsOf(insideFile), 0666u);
-
-    // Outside the bridge nothing is created and nothing is touched.
-    const auto callsBefore = fileSystem.calls().size();
-    const fs::path outside = temp.path() / "Elsewhere/dir";
-    ASSERT_TRUE(store::ensureAccessibleDirectory(outside, fileSystem));
-    EXPECT_FALSE(fs::exists(outside));
-    const fs::path outsideFile = temp.path() / "Other.json";
-    writeText(outsideFile, "{}");
-    fs::permissions(outsideFile, fs::perms(0600));
-    ASSERT_TRUE(store::ensureAccessibleFile(outsideFile, fileSystem));
-    EXPECT_EQ(permissionsOf(outsideFile), 0600u);
-    EXPECT_EQ(fileSystem.calls().size(), callsBefore);
+    for (const auto& [directory, inside] : {std::pair{temp.path() / "Bridge/S/Requests", true},
+                                            std::pair{temp.path() / "Elsewhere/dir", false}}) {
+        SCOPED_TRACE(directory);
+        const auto callsBefore = fileSystem.calls().size();
+        ASSERT_TRUE(store::ensureAccessibleDirectory(directory, fileSystem));
+        EXPECT_EQ(fs::is_directory(directory), inside);
+        const fs::path file = directory.parent_path() / "A.json";
+        writeText(file, "{}");
+        fs::permissions(file, fs::perms(0600));
+        ASSERT_TRUE(store::ensureAccessibleFile(file, fileSystem));
+        EXPECT_EQ(permissionsOf(file), inside ? 0666u : 0600u);
+        if (inside) {
+            EXPECT_EQ(permissionsOf(directory), 0777u);
+        } else {
+            EXPECT_EQ(fileSystem.calls().size(), callsBefore);
+        }
+    }
 }
 
 TEST(QuillfortPromptEndpointStore, PermissionRefusalsAreIgnoredOtherErrorsReported) {
@@ -270,6 +266,8 @@ TEST(QuillfortSharedContainer, ContainerFollowsTheFirstKnownHome) {
     fileSystem.setAppGroupContainer("/containers/group");
     EXPECT_EQ(QuillfortSharedContainer::ruleSnapshotURL(fileSystem, explicitHome),
               fs::path("/containers/group/RuleSnapshot.json"));
+    EXPECT_EQ(QuillfortSharedContainer::promptAgentAutomationCommandURL(fileSystem, explicitHome),
+              fs::path("/containers/group/PromptAgentAutomationCommand.json"));
 
     FakeFileSystem homeless;
     EXPECT_FALSE(QuillfortSharedContainer::containerURL(homeless, std::nullopt));
