@@ -15,12 +15,16 @@ namespace {
 namespace PI = ProcessLineage;
 using testing::TemporaryDirectory;
 
-TEST(ProcessLineage, ReadsTheTestProcessItself) {
+// The live /proc: this test process, then its parents up to the first process.
+TEST(ProcessLineage, ReadsThisProcessAndFollowsParentsToTheFirstProcess) {
     const auto self = static_cast<std::int32_t>(::getpid());
     auto process = PI::inspectProcess(self, PI::ProcfsView::system());
     ASSERT_TRUE(process.has_value()) << process.error().description;
+    auto lineage = PI::inspectLineage(self, PI::ProcfsView::system());
+    ASSERT_TRUE(lineage.has_value()) << lineage.error().description;
+    ASSERT_FALSE(lineage->ancestors.empty());
 
-    const ProcessIdentity& identity = process->identity;
+    const ProcessIdentity& identity = lineage->process.identity;
     EXPECT_EQ(identity.pid, self);
     EXPECT_EQ(identity.executablePath, std::filesystem::read_symlink("/proc/self/exe").string());
     EXPECT_EQ(identity.cwd, std::filesystem::current_path().string());
@@ -33,18 +37,9 @@ TEST(ProcessLineage, ReadsTheTestProcessItself) {
     // Started during this test run, after the machine booted.
     EXPECT_GT(identity.launchTime, Date(std::chrono::seconds(0)));
 
-    // Reading again gives the same identity: the token is stable for a process.
-    EXPECT_EQ(PI::inspectProcess(self, PI::ProcfsView::system())->identity.auditToken, identity.auditToken);
-}
-
-TEST(ProcessLineage, LineageFollowsParentsToTheFirstProcess) {
-    auto lineage = PI::inspectLineage(static_cast<std::int32_t>(::getpid()), PI::ProcfsView::system());
-    ASSERT_TRUE(lineage.has_value()) << lineage.error().description;
-    ASSERT_FALSE(lineage->ancestors.empty());
-
     EXPECT_EQ(lineage->ancestors.front().identity.pid, static_cast<std::int32_t>(::getppid()));
-    EXPECT_EQ(lineage->process.identity.parentAuditToken, lineage->ancestors.front().identity.auditToken);
-    Bytes child = lineage->process.identity.auditToken;
+    EXPECT_EQ(identity.parentAuditToken, lineage->ancestors.front().identity.auditToken);
+    Bytes child = identity.auditToken;
     for (const auto& ancestor : lineage->ancestors) {
         ASSERT_EQ(ancestor.childAuditTokens.size(), 1u);
         EXPECT_EQ(ancestor.childAuditTokens.front(), child);

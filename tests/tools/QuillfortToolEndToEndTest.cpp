@@ -64,12 +64,6 @@ TEST_F(QuillfortToolEndToEnd, PromptsOverBridgeAndLoopbackBecomeRules) {
         << rules.out;
     EXPECT_NE(rules.out.find("exec=/usr/bin/wget host=updates.example.org port=8443"), std::string::npos)
         << rules.out;
-
-    auto status = sandbox_.runTool({"status"});
-    ASSERT_EQ(status.status, 0) << status.err;
-    EXPECT_NE(status.out.find("Quillfort agent: Prompt bridge ready."), std::string::npos) << status.out;
-    EXPECT_EQ(status.out.find("Last prompt resolved:  never"), std::string::npos) << status.out;
-    EXPECT_NE(status.out.find("No prompts waiting."), std::string::npos) << status.out;
 }
 
 TEST_F(QuillfortToolEndToEnd, ProcessWithArgumentsThatAreNotUtf8CanBePromptedFor) {

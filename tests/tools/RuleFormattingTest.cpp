@@ -7,7 +7,7 @@
 namespace quillfort {
 namespace {
 
-TEST(RuleFormatting, TableMarksDisabledRulesAndKeepsLinesIntact) {
+TEST(RuleFormatting, TableMarksDisabledRulesKeepsLinesIntactAndSaysWhenEmpty) {
     Rule disabled;
     disabled.id = testing::sampleUuid(2);
     disabled.enabled = false;
@@ -27,9 +27,6 @@ TEST(RuleFormatting, TableMarksDisabledRulesAndKeepsLinesIntact) {
               "host=api.example.com port=443 proto=tcp\n"
               "drop    session     Block?node [disabled]          tty=yes ancestor-tag=shell domain=.example.com "
               "ports=1000-2000 dir=inbound\n");
-}
-
-TEST(RuleFormatting, EmptySnapshotSaysSo) {
     EXPECT_EQ(RuleFormatting::formatRuleTable(RuleSnapshotEnvelope{testing::sampleDate(), {}}), "No rules yet.\n");
 }
 

@@ -59,5 +59,15 @@ TEST(StatusFormatting, EmptyQueueSaysNoPromptsWaiting) {
     EXPECT_EQ(text.find("on screen"), std::string::npos);
 }
 
+TEST(StatusFormatting, AgeIsCountedInTheLargestWholeUnit) {
+    const std::pair<std::chrono::seconds, std::string_view> cases[] = {
+        {0s, "just now"},     {1s, "1s ago"},       {59s, "59s ago"},      {60s, "1m ago"},
+        {3599s, "59m ago"},   {3600s, "1h ago"},    {86399s, "23h ago"},   {86400s, "1d ago"},
+    };
+    for (const auto& [age, text] : cases)
+        EXPECT_EQ(StatusFormatting::ageText(testing::sampleDate() - age, testing::sampleDate()), text) << age.count();
+    EXPECT_EQ(StatusFormatting::destinationText("api.example.com", std::nullopt), "api.example.com");
+}
+
 }  // namespace
 }  // namespace quillfort
