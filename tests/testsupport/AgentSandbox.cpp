@@ -10,7 +10,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "contracts/PromptAgentAutomationCommand.hpp"
 #include "contracts/PromptFrame.hpp"
 #include "contracts/QuillfortPromptListenerRecord.hpp"
 #include "model/Json.hpp"
@@ -129,16 +128,16 @@ std::optional<QuillfortPromptBridgeResponseEnvelope> decodeResponseFrame(const s
 
 AgentSandbox::AgentSandbox() { fs::create_directories(home() / "output"); }
 
-fs::path AgentSandbox::buildDirectory() {
+namespace {
+
+fs::path buildDirectory() {
     if (const char* build = std::getenv("QUILLFORT_BUILD_DIR"); build && *build) return build;
     // Run by hand from the build tree: <build>/tests/<folder>/<binary>.
     return fs::read_symlink("/proc/self/exe").parent_path().parent_path().parent_path();
 }
 
-namespace {
-
-fs::path agentExecutable() { return AgentSandbox::buildDirectory() / "QuillfortAgent" / "quillfort-agent"; }
-fs::path toolExecutable() { return AgentSandbox::buildDirectory() / "tools" / "quillfort"; }
+fs::path agentExecutable() { return buildDirectory() / "QuillfortAgent" / "quillfort-agent"; }
+fs::path toolExecutable() { return buildDirectory() / "tools" / "quillfort"; }
 
 }  // namespace
 
@@ -224,11 +223,6 @@ fs::path AgentSandbox::submit(std::uint64_t n, const std::string& host) {
 
 bool AgentSandbox::awaitQueued(std::uint64_t n) {
     return waitForAgentLog("Queued prompt " + sampleUuid(n).uppercaseString());
-}
-
-void AgentSandbox::command(std::uint64_t n, FlowPromptAutomationPreset preset) {
-    writeAtomically(commandFile(), encodePretty(PromptAgentAutomationCommand{
-                                       .promptID = sampleUuid(n), .preset = preset, .createdAt = sampleDate()}));
 }
 
 }  // namespace quillfort::testing

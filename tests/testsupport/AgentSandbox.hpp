@@ -90,7 +90,6 @@ public:
     // Why an end-to-end test cannot run here (a console user is signed in, whose
     // home the agent would use whatever HOME says; a program is not built), or nothing.
     [[nodiscard]] static std::optional<std::string> skipReason();
-    [[nodiscard]] static std::filesystem::path buildDirectory();
 
     [[nodiscard]] const std::filesystem::path& home() const { return home_.path(); }
     [[nodiscard]] Environment environment() const;
@@ -126,7 +125,6 @@ public:
     // name, then renamed into place).
     std::filesystem::path submit(std::uint64_t n, const std::string& host = "api.example.com");
     bool awaitQueued(std::uint64_t n);
-    void command(std::uint64_t n, FlowPromptAutomationPreset preset);
     [[nodiscard]] std::optional<std::string> exchange(const std::vector<std::string>& pieces) const {
         return exchangeFrames(port_, pieces);
     }
