@@ -10,49 +10,36 @@
 namespace quillfort {
 namespace {
 
-struct RenderCase {
-    const char* name;
-    std::string_view format;
-    std::vector<std::string> args;
-    std::string expected;
-};
-
-class RenderLogMessage : public ::testing::TestWithParam<RenderCase> {};
-
-TEST_P(RenderLogMessage, ReplacesPlaceholdersInOrder) {
-    const auto& c = GetParam();
-    EXPECT_EQ(renderLogMessage(c.format, c.args), c.expected);
+TEST(RenderLogMessage, ReplacesPlaceholdersInOrder) {
+    struct Case {
+        std::string_view format;
+        std::vector<std::string> args;
+        std::string_view expected;
+    };
+    const Case cases[] = {
+        {"Queued prompt %{public}s for %{public}s.", {"0A1B", "example.com"}, "Queued prompt 0A1B for example.com."},
+        {"Listening on %{public}s:%{public}hu.", {"127.0.0.1", "27839"}, "Listening on 127.0.0.1:27839."},
+        {"visible=%{bool,public}d key=%{bool,public}d", {"true", "false"}, "visible=true key=false"},
+        {"total=%{public}ld occlusion=%{public}lu", {"3", "8194"}, "total=3 occlusion=8194"},
+        {"100%% of %{public}s", {"flows"}, "100% of flows"},
+        {"%%{public}s then %{public}s", {"x"}, "%{public}s then x"},
+        {"%{public}s and %{public}s.", {"one"}, "one and ."},  // a missing argument renders empty
+        {"only %{public}s", {"a", "b", "c"}, "only a"},
+        {"at 50%", {"unused"}, "at 50%"},
+        {"bad %{public", {"x"}, "bad %{public"},
+        {"end %{public}", {"x"}, "end %{public}"},
+        {"100% sure it is %{public}s", {"x"}, "100% sure it is x"},
+        {"%.*s|%zu", {"3", "abc", "5"}, "abc|5"},  // a '*' precision takes its own argument
+    };
+    for (const auto& c : cases) EXPECT_EQ(renderLogMessage(c.format, c.args), c.expected) << c.format;
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Formats, RenderLogMessage,
-    ::testing::Values(
-        RenderCase{"publicStrings", "Queued prompt %{public}s for %{public}s.", {"0A1B", "example.com"},
-                   "Queued prompt 0A1B for example.com."},
-        RenderCase{"publicUnsignedShort", "Listening on %{public}s:%{public}hu.", {"127.0.0.1", "27839"},
-                   "Listening on 127.0.0.1:27839."},
-        RenderCase{"boolAnnotation", "visible=%{bool,public}d key=%{bool,public}d", {"true", "false"},
-                   "visible=true key=false"},
-        RenderCase{"longModifiers", "total=%{public}ld occlusion=%{public}lu", {"3", "8194"},
-                   "total=3 occlusion=8194"},
-        RenderCase{"doublePercent", "100%% of %{public}s", {"flows"}, "100% of flows"},
-        RenderCase{"escapedPlaceholderIsText", "%%{public}s then %{public}s", {"x"}, "%{public}s then x"},
-        RenderCase{"missingArgumentRendersEmpty", "%{public}s and %{public}s.", {"one"}, "one and ."},
-        RenderCase{"surplusArgumentsIgnored", "only %{public}s", {"a", "b", "c"}, "only a"},
-        RenderCase{"trailingPercentKept", "at 50%", {"unused"}, "at 50%"},
-        RenderCase{"unterminatedAnnotationKept", "bad %{public", {"x"}, "bad %{public"},
-        RenderCase{"annotationWithoutConversionKept", "end %{public}", {"x"}, "end %{public}"},
-        RenderCase{"percentBeforeBlankIsText", "100% sure it is %{public}s", {"x"}, "100% sure it is x"}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(LogArgumentText, RendersValuesAsThePlatformWould) {
     EXPECT_EQ(logArgumentText(true), "true");
     EXPECT_EQ(logArgumentText(false), "false");
     EXPECT_EQ(logArgumentText(static_cast<unsigned short>(27839)), "27839");
     EXPECT_EQ(logArgumentText(-42L), "-42");
-    EXPECT_EQ(logArgumentText("literal"), "literal");
     EXPECT_EQ(logArgumentText(static_cast<const char*>(nullptr)), "(null)");
-    EXPECT_EQ(logArgumentText(std::string_view("view")), "view");
     EXPECT_EQ(logArgumentText(QuillfortLogCategory::processObserver), "processObserver");
     EXPECT_EQ(logArgumentText(Error::withMessage("The file is gone.")), "The file is gone.");
 }

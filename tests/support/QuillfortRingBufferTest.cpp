@@ -15,20 +15,15 @@ TEST(QuillfortRingBuffer, CapacityBelowOneKeepsOnlyLastElement) {
     }
 }
 
-TEST(QuillfortRingBuffer, KeepsNewestElementsOldestFirst) {
-    QuillfortRingBuffer<int> buffer(3, {1, 2, 3, 4, 5});
-    EXPECT_EQ(buffer.elements(), (std::vector<int>{3, 4, 5}));
-    buffer.append(6);
-    EXPECT_EQ(buffer.elements(), (std::vector<int>{4, 5, 6}));
-    EXPECT_EQ(buffer.count(), 3);
-}
-
-TEST(QuillfortRingBuffer, GrowsUpToCapacity) {
+TEST(QuillfortRingBuffer, GrowsToCapacityThenKeepsNewestElementsOldestFirst) {
     QuillfortRingBuffer<std::string> buffer(3);
     EXPECT_EQ(buffer.count(), 0);
-    buffer.append("a");
-    buffer.append("b");
+    for (auto element : {"a", "b"}) buffer.append(element);
     EXPECT_EQ(buffer.elements(), (std::vector<std::string>{"a", "b"}));
+    for (auto element : {"c", "d"}) buffer.append(element);
+    EXPECT_EQ(buffer.elements(), (std::vector<std::string>{"b", "c", "d"}));
+    EXPECT_EQ(buffer.count(), 3);
+    EXPECT_EQ(QuillfortRingBuffer<int>(3, {1, 2, 3, 4, 5}).elements(), (std::vector<int>{3, 4, 5}));
 }
 
 }  // namespace
