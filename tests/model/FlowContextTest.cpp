@@ -11,7 +11,6 @@
 namespace quillfort {
 namespace {
 
-using ::testing::ElementsAre;
 using testing::sampleDate;
 using testing::sampleFlowContext;
 
@@ -45,52 +44,31 @@ TEST(FlowContext, RoundTripsInBothFormsAndWritesEndpointsAsHostAndPort) {
     EXPECT_EQ(serializeCompact(child(written, "flow").at("remoteEndpoint")), R"({"host":"93.184.216.34","port":443})");
 }
 
-struct BadDecode {
-    std::string_view label;
-    std::function<void(json::object&)> spoil;
-    std::string_view path;
-    std::string_view reason;
-};
-
+// Only failures on paths the shared codec tests cannot reach: through optional
+// nodes, sets, arrays of tokens and dates.
 TEST(FlowContext, DecodeFailuresNameTheKeyAndTheFault) {
-    const BadDecode cases[] = {
-        {"ancestor chain missing", [](auto& o) { o.erase("ancestorChain"); }, "ancestorChain", "missing required key"},
-        {"flow missing", [](auto& o) { o.erase("flow"); }, "flow", "missing required key"},
-        {"unknown protocol", [](auto& o) { child(o, "flow")["transportProtocol"] = "quic"; },
-         "flow.transportProtocol", "unknown value \"quic\""},
+    struct Case {
+        std::string_view label;
+        std::function<void(json::object&)> spoil;
+        std::string_view path, reason;
+    };
+    const Case cases[] = {
         {"profile by its code name", [](auto& o) { o["networkProfile"] = "defaultProfile"; }, "networkProfile",
          "unknown value \"defaultProfile\""},
-        {"port beyond 16 bits", [](auto& o) { child(o, "flow")["port"] = 70000; }, "flow.port",
-         "value 70000 out of range"},
         {"endpoint without host", [](auto& o) { child(child(o, "flow"), "localEndpoint").erase("host"); },
          "flow.localEndpoint.host", "missing required key"},
         {"negative userID", [](auto& o) { identity(o)["userID"] = -1; }, "matchedProcessNode.identity.userID",
          "value -1 out of range"},
-        {"pid beyond 32 bits", [](auto& o) { identity(o)["pid"] = 2147483648ll; }, "matchedProcessNode.identity.pid",
-         "value 2147483648 out of range"},
         {"bad base64 token", [](auto& o) { identity(o)["auditToken"] = "not base64!"; },
          "matchedProcessNode.identity.auditToken", "invalid base64 data"},
         {"unpadded base64 child token", [](auto& o) { node(o)["childAuditTokens"] = json::array{"AQID", "AQ"}; },
          "matchedProcessNode.childAuditTokens[1]", "invalid base64 data"},
-        {"argv missing", [](auto& o) { identity(o).erase("argv"); }, "matchedProcessNode.identity.argv",
-         "missing required key"},
-        {"argv not a list", [](auto& o) { identity(o)["argv"] = "curl -s"; }, "matchedProcessNode.identity.argv",
-         "expected an array, found a string"},
-        {"argv entry a number", [](auto& o) { identity(o)["argv"] = json::array{"curl", 1}; },
-         "matchedProcessNode.identity.argv[1]", "expected a string, found a number"},
-        {"tags missing", [](auto& o) { node(o).erase("tags"); }, "matchedProcessNode.tags", "missing required key"},
         {"unknown tag", [](auto& o) { ancestor(o, 0)["tags"] = json::array{"shell", "Terminal"}; },
          "ancestorChain[0].tags[1]", "unknown value \"Terminal\""},
         {"impossible ancestor date", [](auto& o) { child(ancestor(o, 2), "identity")["launchTime"] = "2026-02-30T00:00:00Z"; },
          "ancestorChain[2].identity.launchTime", "invalid ISO 8601 date \"2026-02-30T00:00:00Z\""},
         {"date as a number", [](auto& o) { child(o, "flow")["timestamp"] = 1772366400; }, "flow.timestamp",
          "expected an ISO 8601 date, found a number"},
-        {"required key null", [](auto& o) { child(o, "flow")["extensionGeneratedID"] = nullptr; },
-         "flow.extensionGeneratedID", "expected a string, found null"},
-        {"state unknown", [](auto& o) { node(o)["state"] = "zombie"; }, "matchedProcessNode.state",
-         "unknown value \"zombie\""},
-        {"optional of the wrong type", [](auto& o) { o["matchedHostname"] = true; }, "matchedHostname",
-         "expected a string, found a boolean"},
         {"ancestor not an object", [](auto& o) {
              // Built step by step: a braced array in an array is a copy for some compilers.
              json::array chain;
@@ -108,22 +86,6 @@ TEST(FlowContext, DecodeFailuresNameTheKeyAndTheFault) {
         EXPECT_EQ(decoded.error().path, c.path);
         EXPECT_EQ(decoded.error().reason, c.reason);
     }
-}
-
-TEST(FlowContext, EmptyAncestorChainAndMissingOptionalsDecode) {
-    auto object = sampleObject();
-    object["ancestorChain"] = json::array{};
-    object.erase("matchedProcessNode");
-    object["matchedHostname"] = nullptr;
-    for (auto key : {"sourceAppAuditToken", "sourceProcessAuditToken", "localEndpoint", "remoteEndpoint", "hostText",
-                     "port"})
-        child(object, "flow").erase(key);
-    auto decoded = decodeJson<FlowContext>(serializeCompact(object));
-    ASSERT_TRUE(decoded) << decoded.error();
-    EXPECT_TRUE(decoded->ancestorChain.empty());
-    EXPECT_EQ(decoded->matchedProcessNode, std::nullopt);
-    EXPECT_EQ(decoded->host(), std::nullopt);
-    EXPECT_EQ(decoded->port(), std::nullopt);
 }
 
 TEST(FlowContext, HostAndPortPreferTheMostSpecificSource) {
@@ -151,20 +113,6 @@ TEST(FlowContext, HostAndPortPreferTheMostSpecificSource) {
         EXPECT_EQ(context.host(), c.expectedHost);
         EXPECT_EQ(context.port(), c.expectedPort);
     }
-}
-
-TEST(FlowEnumerations, RawStringsAndOrder) {
-    auto raw = [](auto cases) {
-        std::vector<std::string_view> out;
-        for (auto value : cases) out.push_back(rawValue(value));
-        return out;
-    };
-    EXPECT_THAT(raw(allCases<FlowDirection>()), ElementsAre("inbound", "outbound"));
-    EXPECT_THAT(raw(allCases<TransportProtocol>()), ElementsAre("tcp", "udp", "unknown"));
-    EXPECT_THAT(raw(allCases<DNSConfidence>()), ElementsAre("exact", "correlated", "guessed", "unknown"));
-    EXPECT_THAT(raw(allCases<NetworkProfile>()), ElementsAre("default", "trusted", "untrusted"));
-    EXPECT_EQ(fromRawValue<NetworkProfile>("default"), NetworkProfile::defaultProfile);
-    EXPECT_EQ(fromRawValue<TransportProtocol>("TCP"), std::nullopt);
 }
 
 }  // namespace

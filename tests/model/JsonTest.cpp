@@ -29,8 +29,6 @@ TEST(JsonWriter, CompactKeepsFieldOrderOfARule) { EXPECT_EQ(encodeCompact(sample
 TEST(JsonWriter, PrettyRuleIsTheSortedLayoutOfTheCompactOne) {
     const auto pretty = encodePretty(sampleRule());
     EXPECT_EQ(pretty, serializePretty(boost::json::parse(kSampleRuleCompact)));
-    EXPECT_TRUE(pretty.starts_with("{\n  \"action\" : \"allow\",\n  \"destination\" : [\n    {\n")) << pretty;
-    EXPECT_EQ(decodeJson<Rule>(kSampleRuleCompact), sampleRule());
     EXPECT_EQ(decodeJson<Rule>(pretty), sampleRule());
 }
 
@@ -148,6 +146,7 @@ TEST(JsonReader, ScalarsOfTheWrongKindNameWhatWasFound) {
     auto number = boost::json::parse("1");
     EXPECT_EQ(fromJson<std::string>(number).error().reason, "expected a string, found a number");
     EXPECT_EQ(fromJson<bool>(boost::json::parse("\"true\"")).error().reason, "expected a boolean, found a string");
+    EXPECT_EQ(fromJson<std::string>(json::value(true)).error().reason, "expected a string, found a boolean");
     EXPECT_EQ(fromJson<double>(boost::json::parse("null")).error().reason, "expected a number, found null");
     EXPECT_EQ(fromJson<std::vector<std::string>>(boost::json::parse("{}")).error().reason,
               "expected an array, found an object");

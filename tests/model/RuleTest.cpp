@@ -1,7 +1,9 @@
 #include "model/Rule.hpp"
 
+#include "model/FlowContext.hpp"
+#include "model/FlowDecision.hpp"
+
 #include <functional>
-#include <unordered_set>
 
 #include <boost/json/parse.hpp>
 #include <gmock/gmock.h>
@@ -83,11 +85,8 @@ TEST(RuleConditions, MalformedAlternativesFailWithPathAndReason) {
     const Case subjects[] = {
         {R"({})", "", kKeyCount},
         {R"({"bundleID":{"_0":"a"},"teamID":{"_0":"b"}})", "", kKeyCount},
-        {R"({"unknownThing":{"_0":"a"}})", "", kKeyCount},
-        {R"({"BundleID":{"_0":"a"}})", "", kKeyCount},
         {R"({"bundleID":{"_1":"a"}})", "bundleID._0", "missing required key"},
         {R"({"bundleID":"com.example"})", "bundleID", "expected an object, found a string"},
-        {R"({"bundleID":{"_0":null}})", "bundleID._0", "expected a string, found null"},
         {R"({"ttyPresent":{"_0":"yes"}})", "ttyPresent._0", "expected a boolean, found a string"},
         {R"({"processTag":{"_0":"perl"}})", "processTag._0", "unknown value \"perl\""},
         {R"(["bundleID"])", "", "expected an object, found an array"},
@@ -98,13 +97,8 @@ TEST(RuleConditions, MalformedAlternativesFailWithPathAndReason) {
     };
     for (const auto& c : subjects) expectFailure(decodeJson<RuleSubject>(c.json), c);
     const Case destinations[] = {
-        {R"({})", "", kKeyCount},
-        {R"({"portExact":{"_0":1},"portRange":{"_0":{"lowerBound":1,"upperBound":2}}})", "", kKeyCount},
         {R"({"portExact":{"_0":70000}})", "portExact._0", "value 70000 out of range"},
-        {R"({"portExact":{"_0":"443"}})", "portExact._0", "expected an integer, found a string"},
         {R"({"portRange":{"_0":{"lowerBound":1}}})", "portRange._0.upperBound", "missing required key"},
-        {R"({"portRange":{"_0":{"lowerBound":1,"upperBound":65536}}})", "portRange._0.upperBound",
-         "value 65536 out of range"},
         {R"({"transportProtocol":{"_0":"quic"}})", "transportProtocol._0", "unknown value \"quic\""},
         {R"({"direction":{"_0":"both"}})", "direction._0", "unknown value \"both\""},
         {R"({"hostnameExact":{"_0":5}})", "hostnameExact._0", "expected a string, found a number"},
@@ -138,25 +132,14 @@ TEST(Rule, DecodeFailuresNameTheKeyAndTheFault) {
     };
     const Case cases[] = {
         {"notes is the only optional", [](auto& o) { o.erase("priority"); }, "priority", "missing required key"},
-        {"no default for enabled", [](auto& o) { o.erase("enabled"); }, "enabled", "missing required key"},
-        {"subject list missing", [](auto& o) { o.erase("subject"); }, "subject", "missing required key"},
-        {"priority beyond int64", [](auto& o) { o["priority"] = 9223372036854775808ull; }, "priority",
-         "value 9223372036854775808 out of range"},
-        {"priority as text", [](auto& o) { o["priority"] = "10000"; }, "priority", "expected an integer, found a string"},
         {"id without hyphens", [](auto& o) { o["id"] = "00000000000040008000000000000001"; }, "id",
          "invalid UUID \"00000000000040008000000000000001\""},
         {"id null", [](auto& o) { o["id"] = nullptr; }, "id", "expected a UUID string, found null"},
         {"action in capitals", [](auto& o) { o["action"] = "ALLOW"; }, "action", "unknown value \"ALLOW\""},
-        {"scope unknown", [](auto& o) { o["scope"] = "forever"; }, "scope", "unknown value \"forever\""},
-        {"origin unknown", [](auto& o) { o["origin"] = "prompt"; }, "origin", "unknown value \"prompt\""},
         {"notes a number", [](auto& o) { o["notes"] = 1; }, "notes", "expected a string, found a number"},
         {"two-key subject", [](auto& o) {
              o["subject"].as_array()[1] = boost::json::parse(R"({"bundleID":{"_0":"a"},"teamID":{"_0":"b"}})");
          }, "subject[1]", kKeyCount},
-        {"destination not a list", [](auto& o) { o["destination"] = boost::json::parse(R"({"portExact":{"_0":1}})"); },
-         "destination", "expected an array, found an object"},
-        {"port out of range", [](auto& o) { o["destination"].as_array()[1] = boost::json::parse(R"({"portExact":{"_0":70000}})"); },
-         "destination[1].portExact._0", "value 70000 out of range"},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.label);
@@ -194,16 +177,30 @@ TEST(PortRange, ContainsBothBoundsAndNothingWhenInverted) {
             << c.range.lowerBound << "..." << c.range.upperBound << " / " << c.port;
 }
 
-TEST(RuleEnumerations, RawStringsAndOrder) {
+// The raw strings are what the filter reads and writes, in declaration order.
+TEST(WireEnumerations, RawStringsAndOrder) {
     auto raw = [](auto cases) {
         std::vector<std::string_view> out;
-        for (auto value : cases) out.push_back(rawValue(value));
+        for (auto value : cases) {
+            out.push_back(rawValue(value));
+            EXPECT_EQ(fromRawValue<decltype(value)>(rawValue(value)), value);
+        }
         return out;
     };
     EXPECT_THAT(raw(allCases<RuleAction>()), ElementsAre("allow", "drop", "ask"));
     EXPECT_THAT(raw(allCases<RuleScope>()), ElementsAre("session", "temporary", "persistent"));
     EXPECT_THAT(raw(allCases<RuleOrigin>()), ElementsAre("manual", "promptResolved", "permissiveLearned", "bootstrap"));
+    EXPECT_THAT(raw(allCases<FlowDirection>()), ElementsAre("inbound", "outbound"));
+    EXPECT_THAT(raw(allCases<TransportProtocol>()), ElementsAre("tcp", "udp", "unknown"));
+    EXPECT_THAT(raw(allCases<DNSConfidence>()), ElementsAre("exact", "correlated", "guessed", "unknown"));
+    EXPECT_THAT(raw(allCases<NetworkProfile>()), ElementsAre("default", "trusted", "untrusted"));
+    EXPECT_THAT(raw(allCases<FlowDecisionAction>()), ElementsAre("allow", "drop", "pause", "prompt", "error"));
+    EXPECT_THAT(raw(allCases<UnknownTrafficMode>()), ElementsAre("alerting", "permissive", "blocking"));
+    EXPECT_THAT(raw(allCases<ProcessState>()), ElementsAre("running", "exited"));
+    EXPECT_THAT(raw(allCases<ProcessTag>()), ElementsAre("terminal", "warp", "gradleWrapper", "gradleDaemon",
+                                                         "javaGradle", "shell", "node", "python", "git", "ssh"));
     EXPECT_EQ(fromRawValue<RuleScope>("Session"), std::nullopt);
+    EXPECT_EQ(fromRawValue<ProcessTag>(""), std::nullopt);
 }
 
 }  // namespace
