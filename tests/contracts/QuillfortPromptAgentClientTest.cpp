@@ -199,21 +199,30 @@ protected:
     std::filesystem::path session_;
 };
 
+// Without a manifest the loopback endpoint needs both a host and a port, and
+// the host must be a dotted IPv4 address.
 TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFailsBeforeSubmitReturns) {
     TemporaryDirectory home;
     auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
-    QuillfortPromptAgentClient client(fileSystem, home.path(), std::nullopt, std::nullopt);
-
+    const std::tuple<std::optional<std::string>, std::optional<std::uint16_t>, ClientError> cases[] = {
+        {std::nullopt, 27839, ClientError::missingEndpoint()},
+        {"", 27839, ClientError::missingEndpoint()},
+        {"127.0.0.1", std::nullopt, ClientError::missingEndpoint()},
+        {"localhost", 27839, ClientError::invalidEndpointData()},
+    };
+    for (const auto& [host, port, expected] : cases) {
+        SCOPED_TRACE(host.value_or("no host"));
+        EXPECT_EQ(QuillfortPromptAgentClient(fileSystem, home.path(), host, port)
+                      .submitSync(requestFor(7), generousTimeout)
+                      .error(),
+                  expected);
+    }
+    // With nothing to wait for, the failure comes before submit returns.
+    const QuillfortPromptAgentClient client(fileSystem, home.path(), std::nullopt, std::nullopt);
     std::optional<QuillfortPromptAgentClientResult> delivered;
     client.submit(requestFor(7), [&](QuillfortPromptAgentClientResult result) { delivered = std::move(result); });
-
     ASSERT_TRUE(delivered.has_value());
     EXPECT_EQ(delivered->error(), ClientError::missingEndpoint());
-    // A host name is not an IPv4 address.
-    EXPECT_EQ(QuillfortPromptAgentClient(fileSystem, home.path(), "localhost", 27839)
-                  .submitSync(requestFor(7), generousTimeout)
-                  .error(),
-              ClientError::invalidEndpointData());
 }
 
 TEST_F(ClientBridgeTest, AnswerOverTheBridgeIsReturnedAndItsFileRemoved) {
