@@ -4,6 +4,7 @@
 // files (the loopback client, frames and samples are the agent sandbox's).
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -167,15 +168,8 @@ public:
         return runUntil([&] { return response(promptID).has_value(); });
     }
 
-    [[nodiscard]] bool isQueued(const Uuid& promptID) const {
-        for (const auto& session : coordinator->activePrompts().value()) {
-            if (session.request.id == promptID) return true;
-        }
-        return false;
-    }
-
     bool waitUntilQueued(const Uuid& promptID) {
-        return runUntil([&] { return isQueued(promptID); });
+        return runUntil([&] { return std::ranges::count(queuedIDs(), promptID) > 0; });
     }
 
     [[nodiscard]] std::vector<Uuid> queuedIDs() const {
