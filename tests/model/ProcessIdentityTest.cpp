@@ -17,7 +17,6 @@ using testing::sampleProcessNode;
 template <class T>
 void expectRoundTrips(const T& value) {
     EXPECT_EQ(decodeJson<T>(encodeCompact(value)), value);
-    EXPECT_EQ(decodeJson<T>(encodePretty(value)), value);
 }
 
 ProcessIdentity minimalIdentity() {
