@@ -48,6 +48,7 @@ TEST(ExistingRuleAnalyzer, ReportsOnlyARuleMatchingInAllButItsSigner) {
         {"ancestor bundle", addSubject(S::ancestorBundleID("com.apple.Terminal")), true},
         {"foreign ancestor bundle", addSubject(S::ancestorBundleID("com.googlecode.iterm2")), false},
         {"ancestor signer", addSubject(S::ancestorSigningID("com.apple.zsh")), true},
+        {"foreign ancestor signer", addSubject(S::ancestorSigningID("com.googlecode.iterm2")), false},
         {"ancestor tag", addSubject(S::ancestorProcessTag(ProcessTag::terminal)), true},
         {"foreign ancestor tag", addSubject(S::ancestorProcessTag(ProcessTag::ssh)), false},
         {"host in other case", [](Rule& r) { r.destination[0] = D::hostnameExact("API.example.com"); }, false},
