@@ -79,6 +79,8 @@ TEST_F(AgentEndToEnd, SecondLaunchExitsAtOnceAndLeavesTheLockAlone) {
 
     auto second = sandbox_.startAgent({"--headless", "--loopback-port", std::to_string(freeLoopbackPort())});
     EXPECT_EQ(second.waitFor(processDeadline), 0);
+    // The bad-argument launch logs on a path of its own; this is the usual one.
+    EXPECT_THAT(second.standardError(), HasSubstr("Launching Quillfort agent login-item helper. verboseLogging=false"));
     EXPECT_EQ(readText(lockFile()), lock);
     EXPECT_FALSE(first.waitFor(std::chrono::milliseconds(0)));
     EXPECT_EQ(sandbox_.status()->statusText, "Prompt bridge ready.");
