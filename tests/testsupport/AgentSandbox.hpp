@@ -137,7 +137,6 @@ private:
     std::filesystem::path responses_;
 };
 
-[[nodiscard]] std::optional<std::string> readText(const std::filesystem::path& path);
 // Written under a hidden name in the same directory, then renamed into place.
 void writeAtomically(const std::filesystem::path& path, const std::string& bytes);
 

@@ -8,19 +8,12 @@
 #include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <thread>
 #include <utility>
 
 namespace quillfort::testing {
 
 namespace {
-
-std::string readAll(const std::filesystem::path& path) {
-    std::ifstream stream(path, std::ios::binary);
-    return std::string((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
-}
 
 int statusFrom(int waitStatus) {
     if (WIFEXITED(waitStatus)) return WEXITSTATUS(waitStatus);
@@ -95,7 +88,7 @@ void ChildProcess::sendSignal(int signal) const {
     if (pid_ > 0 && !exitStatus_) ::kill(pid_, signal);
 }
 
-std::string ChildProcess::standardOutput() const { return readAll(stdoutFile_); }
-std::string ChildProcess::standardError() const { return readAll(stderrFile_); }
+std::string ChildProcess::standardOutput() const { return readText(stdoutFile_).value_or(""); }
+std::string ChildProcess::standardError() const { return readText(stderrFile_).value_or(""); }
 
 }  // namespace quillfort::testing

@@ -15,6 +15,9 @@
 
 namespace quillfort::testing {
 
+// A whole file's bytes; nothing when it cannot be opened.
+[[nodiscard]] std::optional<std::string> readText(const std::filesystem::path& path);
+
 class ChildProcess {
 public:
     // Starts `program` with `arguments` (program name excluded) and exactly the
