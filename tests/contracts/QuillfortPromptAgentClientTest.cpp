@@ -276,6 +276,10 @@ INSTANTIATE_TEST_SUITE_P(
 // given beside it is taken instead.
 TEST_F(ClientBridgeTest, UnusableBridgeFailsWithItsTextOrFallsBackToLoopback) {
     const std::pair<std::function<void()>, std::string_view> cases[] = {
+        // An answer folder the agent could not write to would leave the client
+        // waiting for nothing, so it fails before the request is written.
+        {[&] { fileSystem_->failOn(FakeFileSystem::Operation::setPosixPermissions, session_ / "Responses", EIO); },
+         Messages::bridgeWriteFailed},
         {[&] { fileSystem_->failOn(FakeFileSystem::Operation::writeFileAtomically, requestFile(), EROFS); },
          Messages::bridgeWriteFailed},
         {[&] { ASSERT_TRUE(QuillfortPromptEndpointStore::save("agent.service", *fileSystem_, home_.path())); },
