@@ -41,6 +41,7 @@ TEST(LoginItem, EntryTextThatStopsTheProgram) {
         {"[Desktop Entry]\nHidden=false\n", true},
         {"[Desktop Entry]\nX-GNOME-Autostart-enabled=false\n", false},
         {"# Hidden=true\n[Desktop Entry]\nExec=x\n", true},
+        {"Hidden=true\n[Desktop Entry]\nExec=x\n", true},  // outside any group
         {"[Desktop Entry]\nExec=x\n[Desktop Action Quit]\nHidden=true\n", true},
     };
     for (const auto& [text, starts] : cases)
