@@ -49,23 +49,30 @@ wait_for_window() {
 # ask <name> <keys...>: sends one prompt, answers it with the keys once the
 # input guard is over, and leaves the tool's answer in $work/<name>.json.
 ask() {
-  local name=$1; shift
-  "$tool" prompt --host "$name.example.com" --port 443 --home "$HOME" --loopback "127.0.0.1:$port" \
-    --timeout 20 >"$work/$name.json" 2>"$work/$name.err" &
-  local client=$!
-  wait_for_window
-  # A key typed the moment the window comes up was meant for another window.
-  # Judged only when it surely arrived inside the guard, so a slow machine
-  # cannot make the test fail.
-  xdotool key Return
-  local age=$(( $(clock_ms "$(date +%T.%N)") - $(clock_ms "$(grep 'Presented the Quillfort' "$work/agent.log" | tail -n 1 | cut -d' ' -f2)") ))
-  sleep 0.2
-  if (( age < 400 )) && ! kill -0 "$client" 2>/dev/null; then
-    fail "$name: a key sent ${age} ms after the window came up answered the prompt"
-  fi
-  sleep 0.6
-  for key in "$@"; do xdotool key "$key"; sleep 0.15; done
-  wait "$client" || fail "$name: the tool got no answer ($(cat "$work/$name.err"))"
+  local name=$1 try age client; shift
+  for try in 1 2 3; do
+    "$tool" prompt --host "$name.example.com" --port 443 --home "$HOME" --loopback "127.0.0.1:$port" \
+      --timeout 20 >"$work/$name.json" 2>"$work/$name.err" &
+    client=$!
+    wait_for_window
+    # A key typed the moment the window comes up was meant for another window.
+    # Judged only when it surely arrived inside the guard, so a slow machine
+    # cannot make the test fail.
+    xdotool key Return
+    age=$(( $(clock_ms "$(date +%T.%N)") - $(clock_ms "$(grep 'Presented the Quillfort' "$work/agent.log" | tail -n 1 | cut -d' ' -f2)") ))
+    sleep 0.2
+    if (( age < 400 )) && ! kill -0 "$client" 2>/dev/null; then
+      fail "$name: a key sent ${age} ms after the window came up answered the prompt"
+    fi
+    sleep 0.6
+    for key in "$@"; do xdotool key "$key"; sleep 0.15; done
+    wait "$client" || fail "$name: the tool got no answer ($(cat "$work/$name.err"))"
+    # Seen late on a loaded machine, that Return may have come after the guard
+    # and answered the prompt itself: ask again rather than blame the keys.
+    (( age >= 400 )) && [ "$1" != Return ] && grep -q '"action" *: *"allow"' "$work/$name.json" || return 0
+    echo "note: $name: the early key came ${age} ms late and answered; asking again"
+  done
+  fail "$name: the window came up too late three times to tell an early key from an answer"
 }
 
 expect() {
