@@ -71,6 +71,7 @@ TEST_P(ServiceHostStart, SettlesOnTheStatusOfWhatCameUp) {
     Environment environment;
     if (param.loopbackDisabled) environment["QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER"] = "1";
     harness.makeHost({.environment = environment, .loopbackPort = port});
+    EXPECT_EQ(harness.host->status().statusText, "Starting prompt bridge...");
     if (param.manifestFails) {
         harness.fakeFileSystem->failOn(FakeFileSystem::Operation::createDirectories, harness.requestsDirectory(),
                                        EACCES);
