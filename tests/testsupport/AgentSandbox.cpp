@@ -43,21 +43,6 @@ void writeAtomically(const fs::path& path, const std::string& bytes) {
     fs::rename(temporary, path);
 }
 
-std::uint16_t freeLoopbackPort() {
-    const int probe = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    std::uint16_t port = 0;
-    if (::bind(probe, reinterpret_cast<sockaddr*>(&address), length) == 0 &&
-        ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length) == 0) {
-        port = ntohs(address.sin_port);
-    }
-    ::close(probe);
-    return port;
-}
-
 // --- Loopback client -----------------------------------------------------------------
 
 LoopbackTestClient::LoopbackTestClient(std::uint16_t port) {
@@ -165,10 +150,12 @@ ChildProcess AgentSandbox::startAgent(const std::vector<std::string>& arguments)
 }
 
 ChildProcess& AgentSandbox::launchAgent(const Environment& extra, const std::vector<std::string>& arguments) {
-    port_ = freeLoopbackPort();
     auto variables = environment();
     for (const auto& [name, value] : extra) variables[name] = value;
-    std::vector<std::string> all{"--headless", "--loopback-port", std::to_string(port_)};
+    // Port 0: the kernel picks a port nobody holds, and the agent names it in
+    // its log. A port probed free beforehand can be taken by any connection's
+    // ephemeral end before the agent binds it.
+    std::vector<std::string> all{"--headless", "--loopback-port", "0"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     auto started = ChildProcess::start(agentExecutable(), all, variables, home() / "output");
     if (!started) throw std::runtime_error(started.error());
@@ -179,6 +166,10 @@ ChildProcess& AgentSandbox::launchAgent(const Environment& extra, const std::vec
         return current && current->manifestPublished && current->loopbackListenerReady;
     });
     if (!ready) throw std::runtime_error("the agent did not become ready:\n" + agentLog());
+    const std::string listening = "Listening for loopback prompt requests on 127.0.0.1:";
+    const auto log = agentLog();
+    if (const auto at = log.find(listening); at != std::string::npos)
+        port_ = static_cast<std::uint16_t>(std::stoul(log.substr(at + listening.size())));
     if (auto record = decodeJson<QuillfortPromptListenerRecord>(readText(manifestFile()).value_or(""))) {
         requests_ = *record->requestsDirectoryURL();
         responses_ = *record->responsesDirectoryURL();

@@ -44,8 +44,6 @@ inline bool eventually(const std::function<bool()>& condition, std::chrono::seco
 [[nodiscard]] QuillfortPromptBridgeRequestEnvelope sampleEnvelope(std::uint64_t n,
                                                                   const std::string& host = "api.example.com");
 
-// A port on 127.0.0.1 that was free a moment ago; 0 when none could be had.
-[[nodiscard]] std::uint16_t freeLoopbackPort();
 
 // Sends `pieces` one after the other on a fresh loopback connection, ends the
 // sending side and returns everything received until the agent closed the
