@@ -54,11 +54,10 @@ void expectLooksLike(QWidget& widget, const QSize& size, const std::string& name
 }
 
 TEST(AgentLooks, WindowsMatchTheirReferenceImages) {
+    QFPalette::forceAppearance(false);
     UiHarness ui;
     if (QFontInfo(QApplication::font()).family() != "DejaVu Sans")
         GTEST_SKIP() << "the references are drawn in DejaVu Sans (fonts-dejavu-core)";
-    QFPalette::forceAppearance(false);
-    QFPalette::refreshAll();
     QWidget& window = *ui.presenter->window();
     expectLooksLike(window, {700, 780}, "idle");
 
