@@ -70,17 +70,17 @@ protected:
 
 QFText::QFText(const QString& text, QFFontName font, QFColorName color, QWidget* parent)
     : QLabel(text, parent), font_(font), color_(color) {
-    applyStyle();
+    setStyle(font, color);
 }
 
 void QFText::setStyle(QFFontName font, QFColorName color) {
     font_ = font;
     color_ = color;
-    applyStyle();
+    setFont(QFPalette::font(font_));
+    applyColor();
 }
 
-void QFText::applyStyle() {
-    setFont(QFPalette::font(font_));
+void QFText::applyColor() {
     QPalette palette = this->palette();
     palette.setColor(QPalette::WindowText, QFPalette::color(color_));
     palette.setColor(QPalette::Text, QFPalette::color(color_));

@@ -20,7 +20,9 @@ class QFText : public QLabel {
 public:
     QFText(const QString& text, QFFontName font, QFColorName color, QWidget* parent = nullptr);
     void setStyle(QFFontName font, QFColorName color);
-    void applyStyle();
+    // Colours follow the appearance; the font stays as set, named or not (the
+    // prompt's title, say, is a larger monospaced one).
+    void applyColor();
 
 private:
     QFFontName font_;

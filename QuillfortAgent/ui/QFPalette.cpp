@@ -159,7 +159,7 @@ void refreshAll() {
     const QPalette palette = windowPalette(lastDark);
     for (QWidget* widget : QApplication::allWidgets()) {
         if (widget->property(kStyledWindowProperty).toBool()) widget->setPalette(palette);
-        if (auto* text = dynamic_cast<QFText*>(widget)) text->applyStyle();
+        if (auto* text = dynamic_cast<QFText*>(widget)) text->applyColor();
         widget->update();
     }
 }

@@ -63,7 +63,8 @@ void styleWindow(QWidget& window);
 // Watches the application for palette changes and re-styles every window and
 // named-colour widget when the appearance flips.
 void install(QApplication& application);
-// Re-applies colours and fonts to every live widget (after forceAppearance).
+// Re-applies colours to every live widget (after forceAppearance). Fonts do not
+// depend on the appearance and stay as each widget set them.
 void refreshAll();
 
 }  // namespace QFPalette

@@ -64,6 +64,12 @@ TEST(AgentLooks, WindowsMatchTheirReferenceImages) {
     ui.receive("api.example.com", 1);
     ui.receive("second.example.com", 2);
     expectLooksLike(window, {700, 780}, "prompt");
+    // Dark and back again: the colours return, and every font stays as set.
+    for (const bool dark : {true, false}) {
+        QFPalette::forceAppearance(dark);
+        QFPalette::refreshAll();
+    }
+    expectLooksLike(window, {700, 780}, "prompt");
     for (const char* name : {"DurationChipAlways", "ProcessDetailsSectionHeader", "ScopeOptionsSectionHeader"}) {
         auto* target = window.findChild<QWidget*>(name);
         ASSERT_NE(target, nullptr) << name;
