@@ -112,6 +112,18 @@ TEST(TrafficPromptView, HostPickerWritesTheScopeIntoTheSessionAndThePreview) {
     EXPECT_TRUE(ui.find<QLabel>("RulePreviewText")->text().contains("domain=.example.com"));
 }
 
+TEST(TrafficPromptView, DigitKeysPickTheDurationInTheirOrder) {
+    UiHarness ui;
+    ui.receive("api.example.com", 1);
+    using P = AgentPromptDecisionPreset;
+    for (const auto& [key, preset] : {std::pair{Qt::Key_3, P::allowPermanent}, std::pair{Qt::Key_1, P::allowOnce},
+                                      std::pair{Qt::Key_2, P::allowSession}}) {
+        QTest::keyClick(ui.presenter->window(), key);
+        UiHarness::settle();
+        EXPECT_EQ(ui.coordinator->activePrompts().value().front().selectedPreset, preset) << key;
+    }
+}
+
 TEST(TrafficPromptView, InputInsideTheGuardTimeDoesNothing) {
     UiHarness ui;
     auto& view = ui.presenter->rootView()->promptView();
