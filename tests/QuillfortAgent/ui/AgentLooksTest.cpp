@@ -79,6 +79,14 @@ TEST(AgentLooks, WindowsMatchTheirReferenceImages) {
 
     AgentStatusView status({}, ui.coordinator);
     expectLooksLike(status, {520, 580}, "status");
+
+    // The flow's executable has a rule under another signer.
+    UiHarness signer;
+    Rule existing = quillfort::testing::sampleRule();
+    existing.subject = {RuleSubject::exactExecutable("/usr/bin/curl"), RuleSubject::signingID("old.curl")};
+    signer.rules->rules = {existing};
+    signer.receive("api.example.com", 3);
+    expectLooksLike(*signer.presenter->window(), {700, 780}, "signer-changed");
     QFPalette::forceAppearance(std::nullopt);
 }
 
