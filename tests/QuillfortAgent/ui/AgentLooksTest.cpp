@@ -79,6 +79,10 @@ TEST(AgentLooks, WindowsMatchTheirReferenceImages) {
 
     AgentStatusView status({}, ui.coordinator);
     expectLooksLike(status, {520, 580}, "status");
+    // Both answered: the idle window lists them under RECENT.
+    ui.click(ui.find<QAbstractButton>("AllowButton"));
+    ui.click(ui.find<QAbstractButton>("BlockButton"));
+    expectLooksLike(window, {700, 780}, "idle-recent");
 
     // The flow's executable has a rule under another signer.
     UiHarness signer;
