@@ -165,7 +165,7 @@ TEST(RuleBuilder, StampsTheRuleAndMakesNoneForOneTimeAnswers) {
 TEST(RuleBuilder, RegistrableSuffixAndPatternNormalisation) {
     const std::pair<std::string, std::string> suffixes[] = {
         {"api.example.com", ".example.com"}, {"a.b.example.co.uk", ".example.co.uk"}, {"shop.example.de", ".example.de"},
-        {"API.Example.CO.UK", ".Example.CO.UK"}, {"co.uk", ".co.uk"}, {"..api..example.com.", ".example.com"},
+        {"API.Example.CO.UK", ".Example.CO.UK"}, {"example.co.uk", ".example.co.uk"}, {"co.uk", ".co.uk"}, {"..api..example.com.", ".example.com"},
         {"localhost", "localhost"}, {"::1", "::1"},
     };
     for (const auto& [host, expected] : suffixes) EXPECT_EQ(hostnameSuffix(host), expected) << host;

@@ -134,6 +134,7 @@ TEST(QuillfortFilterVendorConfiguration, FocusPortFromIntegersAndReals) {
     const std::pair<PropertyListValue, std::optional<std::uint16_t>> cases[] = {
         {std::int64_t{27839}, 27839},
         {std::int64_t{65535}, 65535},
+        {std::int64_t{0}, 0},
         {std::int64_t{70000}, std::nullopt},
         {std::int64_t{-1}, std::nullopt},
         {27839.0, 27839},
