@@ -100,6 +100,8 @@ TEST(ExistingRuleAnalyzer, RuleDecidesAFlowOnlyWhenItsSignerHoldsToo) {
         {"disabled", [&](Rule& r) { same(r), r.enabled = false; }, asIs, false},
         {"unsigned process", same, [](auto& q) { q.context.matchedProcessNode->identity.signingID.reset(); }, false},
         {"other host", same, [](auto& q) { q.context.matchedHostname = "example.org"; }, false},
+        {"other executable", same, [](auto& q) { q.context.matchedProcessNode->identity.executablePath = "/bin/nc"; },
+         false},
         {"unjudged condition", [&](Rule& r) { same(r), r.subject.push_back(S::teamID("APPLE")); }, asIs, false},
     };
     for (const auto& c : cases) {
