@@ -1,5 +1,7 @@
 #include "QuillfortAgent/AgentStatusPublisher.hpp"
 
+#include <atomic>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -25,7 +27,12 @@ AgentPromptSession queuedSession(std::uint64_t n, AgentPromptDecisionPreset pres
 TEST(AgentStatusPublisher, QueueEntriesFollowEveryChangeOfTheirSession) {
     TemporaryDirectory home;
     auto fileSystem = defaultFileSystem();
-    AgentStatusPublisher publisher(PromptAgentStatusStore(*fileSystem, home.path() / "status.json"), systemClock(),
+    struct SettableClock final : Clock {
+        std::chrono::system_clock::time_point now() const override { return at; }
+        std::atomic<std::chrono::system_clock::time_point> at{sampleDate()};
+    };
+    auto clock = std::make_shared<SettableClock>();
+    AgentStatusPublisher publisher(PromptAgentStatusStore(*fileSystem, home.path() / "status.json"), clock,
                                    PromptAgentStatusSnapshot{});
     const auto previewOf = [](const AgentPromptSession& session) {
         return AgentStatusPublisher::makeQueuedPromptSnapshot(session).previewText;
@@ -62,8 +69,12 @@ TEST(AgentStatusPublisher, QueueEntriesFollowEveryChangeOfTheirSession) {
     EXPECT_EQ(status.activePrompt->queueCount, 3);
     EXPECT_FALSE(status.promptWindowVisible);
 
+    // Every change stamps the snapshot with the time it was made.
+    const auto before = publisher.snapshot().updatedAt;
+    clock->at = clock->at.load() + std::chrono::seconds(5);
     // Stopping with a flush leaves exactly the newest snapshot on disk.
     publisher.publish([](PromptAgentStatusSnapshot& s) { s.statusText = "last"; });
+    EXPECT_EQ(publisher.snapshot().updatedAt, before + std::chrono::seconds(5));
     publisher.stop(/*flushPending=*/true);
     auto onDisk = PromptAgentStatusStore(*fileSystem, home.path() / "status.json").loadIfPresent();
     ASSERT_TRUE(onDisk && *onDisk);
