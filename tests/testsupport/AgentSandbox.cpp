@@ -168,8 +168,9 @@ ChildProcess& AgentSandbox::launchAgent(const Environment& extra, const std::vec
     if (!ready) throw std::runtime_error("the agent did not become ready:\n" + agentLog());
     const std::string listening = "Listening for loopback prompt requests on 127.0.0.1:";
     const auto log = agentLog();
-    if (const auto at = log.find(listening); at != std::string::npos)
-        port_ = static_cast<std::uint16_t>(std::stoul(log.substr(at + listening.size())));
+    const auto at = log.find(listening);
+    if (at == std::string::npos) throw std::runtime_error("the agent did not name its loopback port:\n" + log);
+    port_ = static_cast<std::uint16_t>(std::stoul(log.substr(at + listening.size())));
     if (auto record = decodeJson<QuillfortPromptListenerRecord>(readText(manifestFile()).value_or(""))) {
         requests_ = *record->requestsDirectoryURL();
         responses_ = *record->responsesDirectoryURL();
