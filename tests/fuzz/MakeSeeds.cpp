@@ -64,23 +64,24 @@ std::map<std::string, std::vector<std::string>> seeds() {
     (void)StoredPromptPreference{.hostPatternOverride = "example.com", .includePortExact = true}.save(defaults);
 
     std::map<std::string, std::vector<std::string>> out;
+    auto& shared = out["shared_documents"];
     for (const auto& request : requests) {
         const auto envelope = encodeCompact(QuillfortPromptBridgeRequestEnvelope{request, samples::sampleDate()});
-        out["bridge_request"].push_back(envelope);
+        shared.push_back(envelope);
         out["flow_prompt_request"].push_back(encodeCompact(request));
         out["frame_reader"].push_back(inPieces(encodeFrame(envelope).value_or("")));
     }
-    out["bridge_response"] = {encodeCompact(answered), encodeCompact(failed), encodeCompact(response)};
+    shared.insert(shared.end(), {encodeCompact(answered), encodeCompact(failed), encodeCompact(response),
+                                 encodePretty(status),
+                                 encodePretty(PromptAgentAutomationCommand{
+                                     plain.id, FlowPromptAutomationPreset::blockSession, samples::sampleDate()}),
+                                 encodeCompact(QuillfortPromptListenerRecord{
+                                     .transport = QuillfortPromptBridgeTransportKind::fileRequestResponse,
+                                     .machServiceName = std::nullopt,
+                                     .requestsDirectoryPath = "/home/u/QuillfortPromptBridge/S/Requests",
+                                     .responsesDirectoryPath = "/home/u/QuillfortPromptBridge/S/Responses",
+                                     .sessionIdentifier = "S"})});
     out["rule_snapshot"] = {encodePretty(RuleSnapshotEnvelope{samples::sampleDate(), {samples::sampleRule()}})};
-    out["status_file"] = {encodePretty(status),
-                          encodePretty(PromptAgentAutomationCommand{plain.id, FlowPromptAutomationPreset::blockSession,
-                                                                    samples::sampleDate()})};
-    out["manifest"] = {encodeCompact(QuillfortPromptListenerRecord{
-        .transport = QuillfortPromptBridgeTransportKind::fileRequestResponse,
-        .machServiceName = std::nullopt,
-        .requestsDirectoryPath = "/home/u/QuillfortPromptBridge/S/Requests",
-        .responsesDirectoryPath = "/home/u/QuillfortPromptBridge/S/Responses",
-        .sessionIdentifier = "S"})};
     out["stored_preference"] = {defaults.data(StoredPromptPreference::userDefaultsKey).value_or("{}")};
     out["filter_configuration"] = {std::string(64, '\x01')};
     return out;

@@ -58,26 +58,10 @@ TEST_F(QuillfortToolEndToEnd, PromptsOverBridgeAndLoopbackBecomeRules) {
 
     auto rules = sandbox_.runTool({"rules"});
     ASSERT_EQ(rules.status, 0) << rules.err;
-    EXPECT_NE(rules.out.find("allow   persistent  Allow curl -> api.example.com:443"), std::string::npos)
-        << rules.out;
     EXPECT_NE(rules.out.find("exec=/usr/bin/curl host=api.example.com port=443 proto=tcp"), std::string::npos)
         << rules.out;
     EXPECT_NE(rules.out.find("exec=/usr/bin/wget host=updates.example.org port=8443"), std::string::npos)
         << rules.out;
-}
-
-TEST_F(QuillfortToolEndToEnd, ProcessWithArgumentsThatAreNotUtf8CanBePromptedFor) {
-    sandbox_.launchAgent({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-once"}});
-    // "; :" keeps the shell from replacing itself with sleep, so its own
-    // arguments (with bytes that are not UTF-8) stay in /proc.
-    auto subject = ChildProcess::start("/bin/sh", {"-c", "sleep 60; :", "name-\xff\xfe-\xE2\x82"}, sandbox_.environment(),
-                                       sandbox_.home());
-    ASSERT_TRUE(subject.has_value()) << subject.error();
-
-    auto run = sandbox_.runTool({"prompt", "--pid", std::to_string(subject->pid()), "--host", "api.example.com", "--port",
-                        "443", "--timeout", "30"});
-    ASSERT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(responseFrom(run).action, RuleAction::allow);
 }
 
 TEST_F(QuillfortToolEndToEnd, AnswerResolvesAPromptAnotherToolWaitsFor) {
@@ -107,15 +91,6 @@ TEST_F(QuillfortToolEndToEnd, AnswerResolvesAPromptAnotherToolWaitsFor) {
     EXPECT_EQ(response->promptID, *queued);
     EXPECT_EQ(response->action, RuleAction::allow);
     EXPECT_EQ(response->scope, RuleScope::temporary);
-
-    // A one-time answer makes no rule.
-    auto rules = sandbox_.runTool({"rules"});
-    EXPECT_EQ(rules.status, 0);
-    EXPECT_EQ(rules.out, "No rules yet.\n");
-    EXPECT_TRUE(eventually([&] {
-        auto status = sandbox_.status();
-        return status && status->queuedPrompts.empty() && status->lastPromptResolvedAt;
-    }));
 }
 
 }  // namespace

@@ -34,9 +34,6 @@ agent_pid=$!
 pids+=($agent_pid)
 for _ in $(seq 200); do grep -q 'Listening for loopback prompt requests' "$work/agent.log" && break; sleep 0.05; done
 
-# Milliseconds since midnight of a HH:MM:SS.fraction time (the log's and date's, both local).
-clock_ms() { awk -v t="$1" 'BEGIN { split(t, p, ":"); printf "%d", (p[1] * 3600 + p[2] * 60 + p[3]) * 1000 }'; }
-
 # Waits until the decision window is mapped; prints nothing, fails after 10 s.
 wait_for_window() {
   for _ in $(seq 200); do
@@ -46,33 +43,19 @@ wait_for_window() {
   fail "the decision window did not come up ($(cat "$work"/*.err))"
 }
 
-# ask <name> <keys...>: sends one prompt, answers it with the keys once the
-# input guard is over, and leaves the tool's answer in $work/<name>.json.
+# ask <name> <keys...>: sends one prompt and answers it with the keys, and
+# leaves the tool's answer in $work/<name>.json. The keys wait out the input
+# guard, which starts before the window is mapped (its refusal of early keys
+# is the widget tests' business: here it could only be judged by a clock).
 ask() {
-  local name=$1 try age client; shift
-  for try in 1 2 3; do
-    "$tool" prompt --host "$name.example.com" --port 443 --home "$HOME" --loopback "127.0.0.1:$port" \
-      --timeout 20 >"$work/$name.json" 2>"$work/$name.err" &
-    client=$!
-    wait_for_window
-    # A key typed the moment the window comes up was meant for another window.
-    # Judged only when it surely arrived inside the guard, so a slow machine
-    # cannot make the test fail.
-    xdotool key Return
-    age=$(( $(clock_ms "$(date +%T.%N)") - $(clock_ms "$(grep 'Presented the Quillfort' "$work/agent.log" | tail -n 1 | cut -d' ' -f2)") ))
-    sleep 0.2
-    if (( age < 400 )) && ! kill -0 "$client" 2>/dev/null; then
-      fail "$name: a key sent ${age} ms after the window came up answered the prompt"
-    fi
-    sleep 0.6
-    for key in "$@"; do xdotool key "$key"; sleep 0.15; done
-    wait "$client" || fail "$name: the tool got no answer ($(cat "$work/$name.err"))"
-    # Seen late on a loaded machine, that Return may have come after the guard
-    # and answered the prompt itself: ask again rather than blame the keys.
-    (( age >= 400 )) && [ "$1" != Return ] && grep -q '"action" *: *"allow"' "$work/$name.json" || return 0
-    echo "note: $name: the early key came ${age} ms late and answered; asking again"
-  done
-  fail "$name: the window came up too late three times to tell an early key from an answer"
+  local name=$1 client; shift
+  "$tool" prompt --host "$name.example.com" --port 443 --home "$HOME" --loopback "127.0.0.1:$port" \
+    --timeout 20 >"$work/$name.json" 2>"$work/$name.err" &
+  client=$!
+  wait_for_window
+  sleep 0.8
+  for key in "$@"; do xdotool key "$key"; sleep 0.15; done
+  wait "$client" || fail "$name: the tool got no answer ($(cat "$work/$name.err"))"
 }
 
 expect() {
@@ -85,8 +68,6 @@ expect() {
 ask allow Return;          expect allow allow temporary
 ask cancel Escape;         expect cancel drop temporary
 ask block 3 alt+b;         expect block drop persistent
-grep -q 'Presented the Quillfort prompt window titled Quillfort Prompt.' "$work/agent.log" ||
-  fail "the presenter did not log the presentation"
 kill -TERM "$agent_pid"
 wait "$agent_pid" || fail "SIGTERM ended the agent with status $?"
 

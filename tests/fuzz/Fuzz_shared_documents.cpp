@@ -1,11 +1,15 @@
-// Any bytes the client finds in a response file or reads back over loopback,
-// and the bare response of the service connection.
+// Any bytes one side may find where the other writes: a bridge request or
+// response (in a file, or a loopback frame's payload), the bare response of the
+// service connection, the listener manifest, the status and command files.
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
 
 #include "contracts/FlowPromptMessages.hpp"
+#include "contracts/PromptAgentAutomationCommand.hpp"
+#include "contracts/PromptAgentStatusSnapshot.hpp"
 #include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
+#include "contracts/QuillfortPromptListenerRecord.hpp"
 
 namespace {
 
@@ -25,7 +29,15 @@ void roundTrip(std::string_view text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string_view text(reinterpret_cast<const char*>(data), size);
+    roundTrip<quillfort::QuillfortPromptBridgeRequestEnvelope>(text);
     roundTrip<quillfort::QuillfortPromptBridgeResponseEnvelope>(text);
     roundTrip<quillfort::FlowPromptResponse>(text);
+    if (auto record = quillfort::decodeJson<quillfort::QuillfortPromptListenerRecord>(text)) {
+        (void)record->summary();
+        (void)quillfort::encodeCompact(*record);
+    }
+    if (auto status = quillfort::decodeJson<quillfort::PromptAgentStatusSnapshot>(text))
+        (void)quillfort::encodePretty(*status);
+    (void)quillfort::decodeJson<quillfort::PromptAgentAutomationCommand>(text);
     return 0;
 }
