@@ -1,11 +1,16 @@
 // Any bytes one side may find where the other writes: a bridge request or
-// response (in a file, or a loopback frame's payload), the bare response of the
-// service connection, the listener manifest, the status and command files.
+// response (in a file, or a loopback frame's payload), the bare request and
+// response of the service connection, the listener manifest, the status and
+// command files. A request that decodes is also taken through everything the
+// agent does with a new prompt before a user sees it.
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 
+#include "contracts/FlowPromptAutomation.hpp"
 #include "contracts/FlowPromptMessages.hpp"
+#include "contracts/FlowPromptRuleBuilder.hpp"
 #include "contracts/PromptAgentAutomationCommand.hpp"
 #include "contracts/PromptAgentStatusSnapshot.hpp"
 #include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
@@ -15,14 +20,15 @@ namespace {
 
 // Whatever decodes must write back to something that decodes equal.
 template <class T>
-void roundTrip(std::string_view text) {
+std::optional<T> roundTrip(std::string_view text) {
     auto value = quillfort::decodeJson<T>(text);
     if (!value) {
         (void)value.error().description();
-        return;
+        return std::nullopt;
     }
     auto again = quillfort::decodeJson<T>(quillfort::encodeCompact(*value));
     if (!again || !(*again == *value)) __builtin_trap();
+    return *value;
 }
 
 }  // namespace
@@ -32,6 +38,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     roundTrip<quillfort::QuillfortPromptBridgeRequestEnvelope>(text);
     roundTrip<quillfort::QuillfortPromptBridgeResponseEnvelope>(text);
     roundTrip<quillfort::FlowPromptResponse>(text);
+    if (const auto request = roundTrip<quillfort::FlowPromptRequest>(text)) {
+        namespace Builder = quillfort::FlowPromptRuleBuilder;
+        const auto rule = Builder::buildSuggestedRule(*request, quillfort::RuleAction::allow,
+                                                      quillfort::RuleScope::persistent, Builder::defaultSelection(*request));
+        if (rule) (void)quillfort::encodePretty(*rule);
+        (void)quillfort::FlowPromptAutomationFocus{.host = "example.com", .port = 443}.matches(*request);
+    }
     if (auto record = quillfort::decodeJson<quillfort::QuillfortPromptListenerRecord>(text)) {
         (void)record->summary();
         (void)quillfort::encodeCompact(*record);

@@ -67,8 +67,7 @@ std::map<std::string, std::vector<std::string>> seeds() {
     auto& shared = out["shared_documents"];
     for (const auto& request : requests) {
         const auto envelope = encodeCompact(QuillfortPromptBridgeRequestEnvelope{request, samples::sampleDate()});
-        shared.push_back(envelope);
-        out["flow_prompt_request"].push_back(encodeCompact(request));
+        shared.insert(shared.end(), {envelope, encodeCompact(request)});
         out["frame_reader"].push_back(inPieces(encodeFrame(envelope).value_or("")));
     }
     shared.insert(shared.end(), {encodeCompact(answered), encodeCompact(failed), encodeCompact(response),
@@ -76,11 +75,9 @@ std::map<std::string, std::vector<std::string>> seeds() {
                                  encodePretty(PromptAgentAutomationCommand{
                                      plain.id, FlowPromptAutomationPreset::blockSession, samples::sampleDate()}),
                                  encodeCompact(QuillfortPromptListenerRecord{
-                                     .transport = QuillfortPromptBridgeTransportKind::fileRequestResponse,
-                                     .machServiceName = std::nullopt,
-                                     .requestsDirectoryPath = "/home/u/QuillfortPromptBridge/S/Requests",
-                                     .responsesDirectoryPath = "/home/u/QuillfortPromptBridge/S/Responses",
-                                     .sessionIdentifier = "S"})});
+                                     QuillfortPromptBridgeTransportKind::fileRequestResponse, std::nullopt,
+                                     "/home/u/QuillfortPromptBridge/S/Requests",
+                                     "/home/u/QuillfortPromptBridge/S/Responses", "S"})});
     out["rule_snapshot"] = {encodePretty(RuleSnapshotEnvelope{samples::sampleDate(), {samples::sampleRule()}})};
     out["stored_preference"] = {defaults.data(StoredPromptPreference::userDefaultsKey).value_or("{}")};
     out["filter_configuration"] = {std::string(64, '\x01')};

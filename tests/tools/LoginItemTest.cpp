@@ -49,20 +49,18 @@ TEST(LoginItem, EntryTextThatStopsTheProgram) {
 }
 
 TEST(LoginItem, LocationsFollowXdgVariablesAndIgnoreRelativeOnes) {
-    const std::filesystem::path home = "/home/ada";
-    auto locations = LoginItem::autostartLocations({{"XDG_CONFIG_HOME", "relative"}}, home);
-    ASSERT_TRUE(locations);
-    EXPECT_EQ(locations->userDirectory, home / ".config/autostart");
-    EXPECT_EQ(locations->systemDirectories, std::vector<std::filesystem::path>{"/etc/xdg/autostart"});
-
-    locations = LoginItem::autostartLocations(
-        {{"XDG_CONFIG_HOME", "/cfg"}, {"XDG_CONFIG_DIRS", "/opt/xdg:rel::/etc/xdg"}}, std::nullopt);
-    ASSERT_TRUE(locations);
-    EXPECT_EQ(locations->userDirectory, "/cfg/autostart");
-    EXPECT_EQ(locations->systemDirectories,
-              (std::vector<std::filesystem::path>{"/opt/xdg/autostart", "/etc/xdg/autostart"}));
-
-    EXPECT_FALSE(LoginItem::autostartLocations({}, std::nullopt));
+    using Locations = LoginItem::AutostartLocations;
+    const std::tuple<std::map<std::string, std::string>, std::optional<std::filesystem::path>,
+                     std::optional<Locations>>
+        cases[] = {
+            {{{"XDG_CONFIG_HOME", "relative"}}, "/home/ada",
+             Locations{"/home/ada/.config/autostart", {"/etc/xdg/autostart"}}},
+            {{{"XDG_CONFIG_HOME", "/cfg"}, {"XDG_CONFIG_DIRS", "/opt/xdg:rel::/etc/xdg"}}, std::nullopt,
+             Locations{"/cfg/autostart", {"/opt/xdg/autostart", "/etc/xdg/autostart"}}},
+            {{}, std::nullopt, std::nullopt},
+        };
+    for (const auto& [variables, home, expected] : cases)
+        EXPECT_EQ(LoginItem::autostartLocations(variables, home), expected) << ::testing::PrintToString(variables);
 }
 
 TEST(LoginItem, SwitchesTheMechanismInForceAndOnlyTheUsersAutostartCopy) {

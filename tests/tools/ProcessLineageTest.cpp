@@ -1,7 +1,5 @@
 #include "tools/ProcessLineage.hpp"
 
-#include <unistd.h>
-
 #include <fstream>
 
 #include <fmt/format.h>
@@ -14,22 +12,6 @@ namespace {
 
 namespace PI = ProcessLineage;
 using testing::TemporaryDirectory;
-
-// The live /proc: this test process, then its parents up to the first process.
-TEST(ProcessLineage, ReadsThisProcessAndFollowsParentsToTheFirstProcess) {
-    auto lineage = PI::inspectLineage(static_cast<std::int32_t>(::getpid()), PI::ProcfsView::system());
-    ASSERT_TRUE(lineage.has_value()) << lineage.error().description;
-    const ProcessIdentity& identity = lineage->process.identity;
-    EXPECT_EQ(identity.executablePath, std::filesystem::read_symlink("/proc/self/exe").string());
-    EXPECT_EQ(identity.cwd, std::filesystem::current_path().string());
-    EXPECT_EQ(identity.userID, ::getuid());
-    ASSERT_FALSE(lineage->ancestors.empty());
-    EXPECT_EQ(lineage->ancestors.front().identity.pid, static_cast<std::int32_t>(::getppid()));
-    // The walk stops at pid 1, or at the top of this pid namespace.
-    auto top = PI::inspectProcess(lineage->ancestors.back().identity.pid, PI::ProcfsView::system());
-    ASSERT_TRUE(top.has_value());
-    EXPECT_TRUE(top->identity.pid == 1 || top->parentPid == 0) << top->identity.pid;
-}
 
 // A made-up /proc with a process whose details exercise the parser.
 class SyntheticProcfs : public ::testing::Test {
@@ -98,19 +80,6 @@ TEST_F(SyntheticProcfs, LoopingParentsEndTheWalk) {
 TEST_F(SyntheticProcfs, MalformedStatIsAnError) {
     write("12/stat", "12 (cut short");
     EXPECT_FALSE(PI::inspectProcess(12, view()).has_value());
-}
-
-TEST(ProcessLineage, TerminalPaths) {
-    const std::pair<std::uint32_t, std::optional<std::string>> cases[] = {
-        {0, std::nullopt},
-        {(137u << 8) | 5, "/dev/pts/261"},
-        {(136u << 8) | 0x12 | (0x3u << 20), "/dev/pts/786"},  // minor bits above 255 live higher up
-        {(4u << 8) | 2, "/dev/tty2"},
-        {(4u << 8) | 65, "/dev/ttyS1"},
-        {(5u << 8) | 1, "/dev/console"},
-        {(200u << 8) | 1, std::nullopt},
-    };
-    for (const auto& [ttyNr, expected] : cases) EXPECT_EQ(PI::terminalPath(ttyNr), expected) << ttyNr;
 }
 
 }  // namespace

@@ -34,32 +34,22 @@ protected:
     AgentSandbox sandbox_;
 };
 
-TEST_F(QuillfortToolEndToEnd, PromptsOverBridgeAndLoopbackBecomeRules) {
+// Without the manifest only the loopback listener can answer; told not to use
+// it, the tool fails with the client's reason.
+TEST_F(QuillfortToolEndToEnd, PromptOverLoopbackBecomesARuleAndNoEndpointIsAClearFailure) {
     sandbox_.launchAgent({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "allow-permanent"}});
-
-    auto overBridge = sandbox_.runTool({"prompt", "--host", "api.example.com", "--port", "443", "--exe", "/usr/bin/curl",
-                               "--no-loopback", "--timeout", "30"});
-    ASSERT_EQ(overBridge.status, 0) << overBridge.err;
-    auto bridged = responseFrom(overBridge);
-    EXPECT_EQ(bridged.action, RuleAction::allow);
-    EXPECT_EQ(bridged.scope, RuleScope::persistent);
-
-    // Without the manifest only the loopback listener can answer.
     ASSERT_TRUE(std::filesystem::remove(sandbox_.manifestFile()));
     auto noBridge = sandbox_.runTool({"prompt", "--host", "updates.example.org", "--no-loopback", "--timeout", "30"});
     EXPECT_EQ(noBridge.status, 1);
     EXPECT_EQ(noBridge.err, "quillfort: No Quillfort prompt endpoint is currently published.\n");
 
-    auto overLoopback =
-        sandbox_.runTool({"prompt", "--host", "updates.example.org", "--port", "8443", "--exe", "/usr/bin/wget", "--loopback",
-                 "127.0.0.1:" + std::to_string(sandbox_.port()), "--timeout", "30"});
+    auto overLoopback = sandbox_.runTool({"prompt", "--host", "updates.example.org", "--port", "8443", "--exe",
+                                          "/usr/bin/wget", "--loopback", "127.0.0.1:" + std::to_string(sandbox_.port()),
+                                          "--timeout", "30"});
     ASSERT_EQ(overLoopback.status, 0) << overLoopback.err;
     EXPECT_EQ(responseFrom(overLoopback).scope, RuleScope::persistent);
-
     auto rules = sandbox_.runTool({"rules"});
     ASSERT_EQ(rules.status, 0) << rules.err;
-    EXPECT_NE(rules.out.find("exec=/usr/bin/curl host=api.example.com port=443 proto=tcp"), std::string::npos)
-        << rules.out;
     EXPECT_NE(rules.out.find("exec=/usr/bin/wget host=updates.example.org port=8443"), std::string::npos)
         << rules.out;
 }

