@@ -26,17 +26,6 @@ bool hasSigner(const Rule& rule) {
                        [](const RuleSubject& s) { return s.kind == RuleSubject::Kind::signingID; });
 }
 
-TEST(AgentPromptSession, OnlyLastingPresetsSuggestARule) {
-    testing::SequentialUuidSource ids;
-    auto session = sampleSession(P::allowOnce);
-    EXPECT_FALSE(session.suggestedRule(ids));
-    session.selectedPreset = P::blockSession;
-    const auto rule = session.suggestedRule(ids);
-    ASSERT_TRUE(rule);
-    EXPECT_EQ(rule->scope, RuleScope::session);
-    EXPECT_EQ(rule->action, RuleAction::drop);
-}
-
 TEST(AgentPromptSession, SignerFollowsTheExactProcessChoice) {
     struct Case {
         bool exactProcess, selectionSigner;

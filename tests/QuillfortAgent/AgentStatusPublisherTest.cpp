@@ -1,6 +1,7 @@
 #include "QuillfortAgent/AgentStatusPublisher.hpp"
 
 #include <atomic>
+#include <functional>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -79,6 +80,51 @@ TEST(AgentStatusPublisher, QueueEntriesFollowEveryChangeOfTheirSession) {
     auto onDisk = PromptAgentStatusStore(*fileSystem, home.path() / "status.json").loadIfPresent();
     ASSERT_TRUE(onDisk && *onDisk);
     EXPECT_EQ(**onDisk, publisher.snapshot());
+}
+
+// What the status file names of a prompt, for people and the tool to read.
+TEST(AgentStatusPublisher, ShowsHostPortAndProcessAsPeopleReadThem) {
+    struct Case {
+        std::string name;
+        std::function<void(ProcessNode&)> changeProcess;
+        bool knowsNothing;  // no process, no host, no port
+        std::string host;
+        std::optional<std::uint16_t> port;
+        std::string processDisplayTitle;
+    };
+    const Case cases[] = {
+        {"BundleIdentifierWins", [](ProcessNode& p) { p.identity.bundleID = "com.x.App"; }, false, "host1.example.com",
+         443, "com.x.App"},
+        {"EmptyBundleIdentifierFallsBackToPath",
+         [](ProcessNode& p) {
+             p.identity.bundleID = "";
+             p.identity.executablePath = "/opt/tools/bin/";
+         },
+         false, "host1.example.com", 443, "bin"},
+        {"NothingKnown", [](ProcessNode&) {}, true, "unknown-host", std::nullopt, "Unknown Process"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        auto session = queuedSession(1, AgentPromptDecisionPreset::allowOnce);
+        auto& context = session.request.context;
+        c.changeProcess(*context.matchedProcessNode);
+        if (c.knowsNothing) {
+            context.matchedProcessNode.reset();
+            context.matchedHostname.reset();
+            context.flow.hostText.reset();
+            context.flow.port.reset();
+            context.flow.remoteEndpoint.reset();
+        }
+        const auto queued = AgentStatusPublisher::makeQueuedPromptSnapshot(session);
+        EXPECT_EQ(queued, (PromptAgentQueuedPromptSnapshot{.promptID = sampleUuid(1),
+                                                           .host = c.host,
+                                                           .port = c.port,
+                                                           .processDisplayTitle = c.processDisplayTitle,
+                                                           .previewText = "Temporary allow decision"}));
+        const auto active = AgentStatusPublisher::makeActivePromptSnapshot(queued, 3);
+        EXPECT_EQ(active.queueCount, 3);
+        EXPECT_EQ(active.processDisplayTitle, queued.processDisplayTitle);
+    }
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <locale.h>
-
 namespace quillfort {
 namespace {
 
@@ -27,13 +25,6 @@ TEST(ResolvedAtFormatter, TwelveHourClocksDropTheHourPadding) {
 TEST(ResolvedAtFormatter, FormatsInTheNamedLocaleFallingBackToC) {
     EXPECT_EQ(ResolvedAtFormatter::format(afternoon(), "C"), "15:04:05");
     EXPECT_EQ(ResolvedAtFormatter::format(afternoon(), "xx_NOWHERE.UTF-8"), "15:04:05");
-}
-
-TEST(ResolvedAtFormatter, UnitedStatesEnglishUsesTwelveHours) {
-    locale_t probe = newlocale(LC_TIME_MASK, "en_US.UTF-8", locale_t{});
-    if (probe == locale_t{}) GTEST_SKIP() << "en_US.UTF-8 is not installed";
-    freelocale(probe);
-    EXPECT_EQ(ResolvedAtFormatter::format(afternoon(), "en_US.UTF-8"), "3:04:05 PM");
 }
 
 }  // namespace

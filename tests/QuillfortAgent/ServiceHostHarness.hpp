@@ -21,6 +21,7 @@
 
 #include "QuillfortAgent/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/AsioMainThreadExecutor.hpp"
+#include "QuillfortAgent/CachedRuleSnapshotReader.hpp"
 #include "QuillfortAgent/QuillfortAgentPromptServiceHost.hpp"
 #include "contracts/PromptAgentAutomationCommand.hpp"
 #include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
@@ -42,19 +43,15 @@ using namespace std::chrono_literals;
 // Generous: the machine may be busy compiling; nothing is asserted on time.
 inline constexpr std::chrono::seconds waitDeadline{10};
 
-class NoRules final : public RuleSnapshotReader {
-public:
-    [[nodiscard]] Rules currentRules() override { return std::make_shared<const std::vector<Rule>>(); }
-};
+// The file bridge alone: most host tests need no listener.
+inline const Environment fileOnly{{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}};
+inline Environment fileOnlyWith(const std::string& name, const std::string& value) {
+    auto environment = fileOnly;
+    environment[name] = value;
+    return environment;
+}
 
-struct ServiceHostOptions {
-    Environment environment = {};
-    std::uint16_t loopbackPort = 0;  // any free port
-    std::chrono::milliseconds loopbackRequestTimeout = QuillfortAgentPromptServiceHost::defaultLoopbackRequestTimeout;
-    std::uint32_t maximumRequestSize = QuillfortAgentPromptServiceHost::defaultMaximumRequestSize;
-    std::uint64_t loopbackFrameBytesBudget = QuillfortAgentPromptServiceHost::defaultLoopbackFrameBytesBudget;
-    std::uint64_t queuedRequestBytesBudget = QuillfortAgentPromptServiceHost::defaultQueuedRequestBytesBudget;
-};
+using HostSettings = QuillfortAgentPromptServiceHost::Dependencies;
 
 class ServiceHostHarness {
 public:
@@ -62,7 +59,7 @@ public:
         coordinator = std::make_shared<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
             .processInfo = {},
             .userDefaults = std::make_shared<InMemoryUserDefaults>(),
-            .rules = std::make_shared<NoRules>(),
+            .rules = std::make_shared<CachedRuleSnapshotReader>(fileSystem, std::nullopt),  // no rules
             .fileSystem = fileSystem,
             .clock = systemClock(),
             .uuids = std::make_shared<SequentialUuidSource>(5000),
@@ -86,26 +83,27 @@ public:
         EXPECT_TRUE(weak.expired());
     }
 
-    std::shared_ptr<QuillfortAgentPromptServiceHost> makeHost(ServiceHostOptions options = {}) {
-        host = QuillfortAgentPromptServiceHost::make({
-            .coordinator = coordinator,
-            .mainThread = mainThread,
-            .fileSystem = fileSystem,
-            .homeDirectory = home.path(),
-            .processInfo = {.environment = std::move(options.environment), .arguments = {}, .processIdentifier = 1},
-            .clock = systemClock(),
-            .uuids = uuids,
-            .loopbackPort = options.loopbackPort,
-            .loopbackRequestTimeout = options.loopbackRequestTimeout,
-            .maximumRequestSize = options.maximumRequestSize,
-            .loopbackFrameBytesBudget = options.loopbackFrameBytesBudget,
-            .queuedRequestBytesBudget = options.queuedRequestBytesBudget,
-        });
+    // A host on any free port; `adjust` changes its settings before it is made.
+    std::shared_ptr<QuillfortAgentPromptServiceHost> makeHost(Environment environment = {},
+                                                              const std::function<void(HostSettings&)>& adjust = {}) {
+        HostSettings settings{.coordinator = coordinator,
+                              .mainThread = mainThread,
+                              .fileSystem = fileSystem,
+                              .homeDirectory = home.path(),
+                              .processInfo = {.environment = std::move(environment),
+                                              .arguments = {},
+                                              .processIdentifier = 1},
+                              .clock = systemClock(),
+                              .uuids = uuids,
+                              .loopbackPort = 0};
+        if (adjust) adjust(settings);
+        host = QuillfortAgentPromptServiceHost::make(std::move(settings));
         return host;
     }
 
-    std::shared_ptr<QuillfortAgentPromptServiceHost> startHost(ServiceHostOptions options = {}) {
-        makeHost(std::move(options));
+    std::shared_ptr<QuillfortAgentPromptServiceHost> startHost(Environment environment = {},
+                                                               const std::function<void(HostSettings&)>& adjust = {}) {
+        makeHost(std::move(environment), adjust);
         host->start();
         return host;
     }
@@ -178,10 +176,10 @@ public:
         return ids;
     }
 
-    [[nodiscard]] std::size_t logCount(const std::string& message) const {
-        std::size_t count = 0;
-        for (const auto& record : logs.records()) count += record.message == message ? 1 : 0;
-        return count;
+    // How many log lines hold `fragment`.
+    [[nodiscard]] std::size_t logCount(const std::string& fragment) const {
+        const auto records = logs.records();
+        return std::ranges::count_if(records, [&](const auto& record) { return record.message.contains(fragment); });
     }
 
     [[nodiscard]] bool logged(const std::string& fragment) const { return logs.sink().containsMessagePart(fragment); }

@@ -19,13 +19,9 @@ AgentPromptSession sessionFor(std::optional<std::string> host) {
     return session;
 }
 
-std::vector<std::string> optionIDs(const AgentPromptSession& session) {
-    std::vector<std::string> ids;
-    for (const auto& option : VM::hostScopeOptions(session)) ids.push_back(option.id);
-    return ids;
-}
-
-TEST(TrafficPromptViewModel, HostScopeOptionsOfferSuffixesOnlyForNamesOfTwoLabelsOrMore) {
+// Suffixes only for names of two labels or more; every option offered, once
+// chosen, reads back as the chosen one, and no other can be chosen.
+TEST(TrafficPromptViewModel, HostScopeOptionsSurviveTheWriteBackAndReadBack) {
     struct Case {
         std::string host;
         std::vector<std::string> ids;
@@ -34,23 +30,13 @@ TEST(TrafficPromptViewModel, HostScopeOptionsOfferSuffixesOnlyForNamesOfTwoLabel
         {"a.b.example.net",
          {"any", "suffix:.b.example.net", "suffix:.example.net", "suffix:.net", "exact:a.b.example.net"}},
         {"10.0.0.1", {"any", "exact:10.0.0.1"}},
-        {"fe80::1", {"any", "exact:fe80::1"}},
-        {"intranet", {"any", "exact:intranet"}},
         {"intranet.", {"any", "exact:intranet."}},
     };
-    for (const auto& c : cases) EXPECT_EQ(optionIDs(sessionFor(c.host)), c.ids) << c.host;
-
-    const auto options = VM::hostScopeOptions(sessionFor("api.example.net"));
-    EXPECT_EQ(options[1], (HostScopeOption{.id = "suffix:.example.net",
-                                           .title = "*.example.net",
-                                           .mode = FlowPromptHostMatchMode::suffix,
-                                           .pattern = ".example.net"}));
-}
-
-TEST(TrafficPromptViewModel, EveryHostOptionSurvivesTheWriteBackAndReadBack) {
-    for (const std::string host : {"a.b.example.net", "intranet", "10.0.0.1"}) {
-        auto session = sessionFor(host);
+    for (const auto& c : cases) {
+        auto session = sessionFor(c.host);
+        std::vector<std::string> ids;
         for (const auto& option : VM::hostScopeOptions(session)) {
+            ids.push_back(option.id);
             const auto selection = VM::selectingHostScope(session, option.id);
             ASSERT_TRUE(selection) << option.id;
             EXPECT_EQ(selection->hostMatchMode, option.mode);
@@ -58,26 +44,23 @@ TEST(TrafficPromptViewModel, EveryHostOptionSurvivesTheWriteBackAndReadBack) {
             session.ruleSelection = *selection;
             EXPECT_EQ(VM::selectedHostScopeID(session), option.id);
         }
-        EXPECT_FALSE(VM::selectingHostScope(session, "suffix:.elsewhere.org")) << host;
+        EXPECT_EQ(ids, c.ids);
+        EXPECT_FALSE(VM::selectingHostScope(session, "suffix:.elsewhere.org")) << c.host;
     }
+    EXPECT_EQ(VM::hostScopeOptions(sessionFor("api.example.net"))[1],
+              (HostScopeOption{.id = "suffix:.example.net",
+                               .title = "*.example.net",
+                               .mode = FlowPromptHostMatchMode::suffix,
+                               .pattern = ".example.net"}));
 }
 
+// A suffix chosen elsewhere (a remembered choice) without a pattern of its own.
 TEST(TrafficPromptViewModel, SelectedSuffixWithoutOverrideUsesTheLastTwoLabels) {
-    struct Case {
-        std::string host;
-        std::optional<std::string> override;
-        std::string expected;
-    };
-    const Case cases[] = {
-        {"a.b.example.net", std::nullopt, "suffix:.example.net"},
-        {"intranet", std::nullopt, "suffix:.intranet"},
-        {"a.b.example.net", ".b.example.net", "suffix:.b.example.net"},
-    };
-    for (const auto& c : cases) {
-        auto session = sessionFor(c.host);
+    for (const auto& [host, expected] : {std::pair{"a.b.example.net", "suffix:.example.net"},
+                                         std::pair{"intranet", "suffix:.intranet"}}) {
+        auto session = sessionFor(host);
         session.ruleSelection.hostMatchMode = FlowPromptHostMatchMode::suffix;
-        session.ruleSelection.hostPatternOverride = c.override;
-        EXPECT_EQ(VM::selectedHostScopeID(session), c.expected) << c.host;
+        EXPECT_EQ(VM::selectedHostScopeID(session), expected) << host;
     }
 }
 
@@ -124,12 +107,6 @@ TEST(TrafficPromptViewModel, ProcessTextsNameTheProcessAndItsAncestry) {
     EXPECT_EQ(texts.rememberedTitle, "Remembered: Allow Session");
     EXPECT_EQ(texts.signerChangeSummary,
               "Existing rule \"Allow curl\" used signer old.curl. This process now reports com.apple.curl.");
-
-    node.identity.bundleID = "com.example.curl";
-    node.identity.signingID.reset();
-    EXPECT_EQ(VM::processTitle(session), "com.example.curl");
-    EXPECT_EQ(VM::signerChangeSummary(session),
-              "Existing rule \"Allow curl\" used signer old.curl. This process now reports unknown signer.");
 }
 
 TEST(TrafficPromptViewModel, PreviewShowsTheRuleAnAnswerWouldWrite) {
@@ -148,17 +125,6 @@ TEST(TrafficPromptViewModel, PreviewShowsTheRuleAnAnswerWouldWrite) {
     EXPECT_EQ(VM::previewText(session),
               "drop [exec=/usr/bin/curl, signer=com.apple.curl] -> [domain=.example.com, port=443, proto=tcp] "
               "scope=persistent");
-
-    Rule rule;
-    rule.action = RuleAction::ask;
-    rule.scope = RuleScope::session;
-    rule.subject = {RuleSubject::bundleID("com.example"), RuleSubject::processTag(ProcessTag::node),
-                    RuleSubject::ancestorBundleID("com.apple.Terminal")};
-    EXPECT_EQ(VM::previewText(rule),
-              "ask [bundleID(com.example), tag=node, ancestor=com.apple.Terminal] -> [any destination] scope=session");
-    rule.subject.clear();
-    rule.destination = {RuleDestination::portRange({8000, 8080}), RuleDestination::hostnameExact("a.example")};
-    EXPECT_EQ(VM::previewText(rule), "ask [any subject] -> [portRange(8000-8080), host=a.example] scope=session");
 }
 
 TEST(TrafficPromptViewModel, DurationChipsKeepTheSideAndButtonsKeepTheDuration) {
@@ -177,14 +143,11 @@ TEST(TrafficPromptViewModel, DurationChipsKeepTheSideAndButtonsKeepTheDuration) 
     EXPECT_TRUE(VM::derivedTexts(session).signerChoiceEnabled);
 }
 
-TEST(TrafficPromptViewModel, PendingPillAndCancelAllStartAtTwoQueuedPrompts) {
+TEST(TrafficPromptViewModel, QueueTextsAppearAtTheirThresholds) {
     EXPECT_EQ(VM::pendingPillText(1), std::nullopt);
     EXPECT_FALSE(VM::showsCancelAll(1));
     EXPECT_EQ(VM::pendingPillText(2), "2 pending");
-    EXPECT_TRUE(VM::showsCancelAll(3));
-}
-
-TEST(TrafficPromptViewModel, AlsoAnswersLineAppearsFromOneOtherPromptOn) {
+    EXPECT_TRUE(VM::showsCancelAll(2));
     EXPECT_EQ(VM::alsoAnswersText(0), std::nullopt);
     EXPECT_EQ(VM::alsoAnswersText(1), "Also answers 1 other pending prompt");
     EXPECT_EQ(VM::alsoAnswersText(12), "Also answers 12 other pending prompts");

@@ -37,12 +37,6 @@ std::optional<std::string> readText(const fs::path& path) {
     return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-void writeAtomically(const fs::path& path, const std::string& bytes) {
-    const auto temporary = path.parent_path() / ("." + path.filename().string() + ".partial");
-    std::ofstream(temporary, std::ios::binary | std::ios::trunc) << bytes;
-    fs::rename(temporary, path);
-}
-
 // --- Loopback client -----------------------------------------------------------------
 
 LoopbackTestClient::LoopbackTestClient(std::uint16_t port) {
@@ -173,7 +167,6 @@ ChildProcess& AgentSandbox::launchAgent(const Environment& extra, const std::vec
     port_ = static_cast<std::uint16_t>(std::stoul(log.substr(at + listening.size())));
     if (auto record = decodeJson<QuillfortPromptListenerRecord>(readText(manifestFile()).value_or(""))) {
         requests_ = *record->requestsDirectoryURL();
-        responses_ = *record->responsesDirectoryURL();
     }
     return *agent_;
 }
@@ -205,12 +198,6 @@ fs::path AgentSandbox::container() const {
 std::optional<PromptAgentStatusSnapshot> AgentSandbox::status() const {
     auto decoded = decodeJson<PromptAgentStatusSnapshot>(readText(statusFile()).value_or(""));
     return decoded ? std::optional(*decoded) : std::nullopt;
-}
-
-fs::path AgentSandbox::submit(std::uint64_t n, const std::string& host) {
-    const auto path = requests_ / bridgeFileName(sampleUuid(n));
-    writeAtomically(path, encodeCompact(sampleEnvelope(n, host)));
-    return path;
 }
 
 bool AgentSandbox::awaitQueued(std::uint64_t n) {

@@ -44,7 +44,6 @@ inline bool eventually(const std::function<bool()>& condition, std::chrono::seco
 [[nodiscard]] QuillfortPromptBridgeRequestEnvelope sampleEnvelope(std::uint64_t n,
                                                                   const std::string& host = "api.example.com");
 
-
 // Sends `pieces` one after the other on a fresh loopback connection, ends the
 // sending side and returns everything received until the agent closed the
 // connection; nothing when the connection or a time-out failed.
@@ -97,7 +96,6 @@ public:
     ChildProcess& launchAgent(const Environment& extra = {}, const std::vector<std::string>& arguments = {});
     // Another agent launch in the same home, not waited for.
     [[nodiscard]] ChildProcess startAgent(const std::vector<std::string>& arguments);
-    [[nodiscard]] ChildProcess& agent() { return *agent_; }
     [[nodiscard]] std::uint16_t port() const { return port_; }
     [[nodiscard]] std::string agentLog() const { return agent_ ? agent_->standardError() : std::string(); }
     bool waitForAgentLog(const std::string& fragment);
@@ -112,16 +110,9 @@ public:
     [[nodiscard]] std::filesystem::path statusFile() const { return container() / "PromptAgentStatus.json"; }
     [[nodiscard]] std::filesystem::path ruleSnapshotFile() const { return container() / "RuleSnapshot.json"; }
     [[nodiscard]] const std::filesystem::path& requestsDirectory() const { return requests_; }
-    [[nodiscard]] const std::filesystem::path& responsesDirectory() const { return responses_; }
-    [[nodiscard]] std::filesystem::path commandFile() const {
-        return requests_.parent_path() / "PromptAgentAutomationCommand.json";
-    }
     [[nodiscard]] std::optional<PromptAgentStatusSnapshot> status() const;
 
     // --- The filter side's moves --------------------------------------------------
-    // Writes the request file of sample prompt `n`, as a client would (hidden
-    // name, then renamed into place).
-    std::filesystem::path submit(std::uint64_t n, const std::string& host = "api.example.com");
     bool awaitQueued(std::uint64_t n);
     [[nodiscard]] std::optional<std::string> exchange(const std::vector<std::string>& pieces) const {
         return exchangeFrames(port_, pieces);
@@ -132,10 +123,6 @@ private:
     std::unique_ptr<ChildProcess> agent_;
     std::uint16_t port_ = 0;
     std::filesystem::path requests_;
-    std::filesystem::path responses_;
 };
-
-// Written under a hidden name in the same directory, then renamed into place.
-void writeAtomically(const std::filesystem::path& path, const std::string& bytes);
 
 }  // namespace quillfort::testing
