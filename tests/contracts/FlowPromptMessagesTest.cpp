@@ -6,6 +6,9 @@
 #include "tests/contracts/FlowPromptSamples.hpp"
 #include "tests/testsupport/SequentialUuidSource.hpp"
 
+#include "contracts/FlowFilterEvent.hpp"
+#include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
+
 namespace quillfort {
 namespace {
 
@@ -26,21 +29,10 @@ TEST(FlowPromptMessages, EveryMessageRoundTrips) {
     auto rule = FlowPromptRuleBuilder::buildSuggestedRule(request, RuleAction::drop, RuleScope::persistent, selection, ids);
     request.suggestedRule = rule;
     expectRoundTrip(request);
-
-    expectRoundTrip(selection);
     selection.hostMatchMode = FlowPromptHostMatchMode::suffix;
     selection.hostPatternOverride.reset();
-    expectRoundTrip(selection);
-
-    expectRoundTrip(FlowPromptResponse{request.id, RuleAction::allow, RuleScope::temporary, false, std::nullopt, std::nullopt});
     expectRoundTrip(FlowPromptResponse{request.id, RuleAction::drop, RuleScope::persistent, true, selection, rule});
     expectRoundTrip(FlowPromptSignerChangeCandidate{testing::uuidNumber(5), "Allow curl", "com.apple.curl.old"});
-}
-
-TEST(FlowPromptMessages, AbsentOptionalsAreLeftOut) {
-    const FlowPromptResponse response{testing::uuidNumber(1), RuleAction::allow, RuleScope::temporary, false, std::nullopt, std::nullopt};
-    EXPECT_EQ(encodeCompact(response),
-              R"({"promptID":"00000000-0000-0000-0000-000000000001","action":"allow","scope":"temporary","persist":false})");
 }
 
 TEST(FlowPromptMessages, DecodeFailuresNameTheKey) {
@@ -55,8 +47,84 @@ TEST(FlowPromptMessages, DecodeFailuresNameTheKey) {
         ASSERT_FALSE(decoded.has_value()) << text;
         EXPECT_EQ(decoded.error().path, key);
     }
-    EXPECT_FALSE(decodeJson<FlowPromptResponse>(R"({"promptID":"00000000-0000-0000-0000-000000000001",)"
-                                                R"("action":"allow","scope":"session"})"));
+}
+
+const Uuid kPromptID = *Uuid::parse("6f1c2a9e-0b4d-4e8f-9a7c-3d2e1f0a5b6c");
+const Date kCreatedAt = Date{std::chrono::seconds{1769847300}};  // 2026-01-31T08:15:00Z
+constexpr std::string_view kID = R"("6F1C2A9E-0B4D-4E8F-9A7C-3D2E1F0A5B6C")";
+constexpr std::string_view kDate = R"("2026-01-31T08:15:00Z")";
+
+TEST(QuillfortPromptBridgeEnvelopes, EnvelopesAreCompactInFieldOrderAndRoundTrip) {
+    EXPECT_EQ(bridgeFileName(kPromptID), std::string(kID.substr(1, 36)) + ".json");
+    const QuillfortPromptBridgeRequestEnvelope request{sampleRequest(), kCreatedAt};
+    const std::string requestText = encodeCompact(request);
+    EXPECT_TRUE(requestText.starts_with(R"({"request":{"id":)" + std::string(kID)));
+    EXPECT_TRUE(requestText.ends_with(R"(},"createdAt":)" + std::string(kDate) + "}"));
+    EXPECT_EQ(decodeJson<QuillfortPromptBridgeRequestEnvelope>(requestText), request);
+
+    FlowPromptResponse answer{kPromptID, RuleAction::drop, RuleScope::session, false, std::nullopt, std::nullopt};
+    const std::string answerText = R"({"promptID":)" + std::string(kID) + R"(,"action":"drop","scope":"session","persist":false})";
+    struct Case {
+        QuillfortPromptBridgeResponseEnvelope envelope;
+        std::string middle;  // between promptID and createdAt
+    };
+    const Case cases[] = {
+        {{kPromptID, std::nullopt, std::nullopt, kCreatedAt}, ""},
+        {{kPromptID, answer, std::nullopt, kCreatedAt}, R"("response":)" + answerText + ","},
+        {{kPromptID, answer, "agent busy", kCreatedAt},
+         R"("response":)" + answerText + R"(,"errorMessage":"agent busy",)"},
+    };
+    for (const auto& c : cases) {
+        const std::string json =
+            R"({"promptID":)" + std::string(kID) + "," + c.middle + R"("createdAt":)" + std::string(kDate) + "}";
+        EXPECT_EQ(encodeCompact(c.envelope), json);
+        EXPECT_EQ(decodeJson<QuillfortPromptBridgeResponseEnvelope>(json), c.envelope);
+    }
+}
+
+template <class Envelope>
+std::string decodeError(const std::string& json) {
+    auto decoded = decodeJson<Envelope>(json);
+    return decoded ? std::string("decoded") : decoded.error().description();
+}
+
+TEST(QuillfortPromptBridgeEnvelopes, DecodingNeedsRequiredKeysAndReadsNullAsAbsent) {
+    using Request = QuillfortPromptBridgeRequestEnvelope;
+    using Response = QuillfortPromptBridgeResponseEnvelope;
+    const std::string id(kID), date(kDate);
+    EXPECT_EQ(decodeError<Request>(R"({"request":)" + serializeCompact(toJson(sampleRequest())) + "}"),
+              "createdAt: missing required key");
+    EXPECT_EQ(decodeError<Request>(R"({"createdAt":)" + date + "}"), "request: missing required key");
+    EXPECT_EQ(decodeError<Response>(R"({"createdAt":)" + date + "}"), "promptID: missing required key");
+    EXPECT_EQ(decodeError<Response>(R"({"promptID":)" + id + R"(,"response":null,"errorMessage":null,"createdAt":)" +
+                                    date + "}"),
+              "decoded");
+}
+
+TEST(FlowFilterEvent, RoundTripsWithSnakeCaseSourceAndAbsentOptionalsLeftOut) {
+    FlowFilterEvent observed;
+    observed.id = *Uuid::parse("6F1C2A9E-0B4D-4E8F-9A7C-3D2E1F0A5B6C");
+    observed.recordedAt = Date{std::chrono::seconds{1772366400}};
+    observed.summary = "curl -> api.example.com:443";
+    const json::value bare = toJson(observed);
+    EXPECT_EQ(bare.as_object().size(), 6u);  // id, recordedAt, mode, kind, summary, context
+
+    FlowFilterEvent decided = observed;
+    decided.mode = FlowFilterMode::enforce;
+    decided.kind = FlowFilterEventKind::decided;
+    decided.unknownTrafficMode = UnknownTrafficMode::blocking;
+    decided.decision = FlowDecision{FlowDecisionAction::drop, "default_blocking_drop", std::nullopt, std::nullopt, 1.5};
+    decided.decisionSource = FlowFilterDecisionSource::defaultBlockingDrop;
+    decided.url = "https://api.example.com/v1";
+    const json::value full = toJson(decided);
+    EXPECT_EQ(full.at("decisionSource"), json::value("default_blocking_drop"));
+
+    const FlowFilterEventSnapshot snapshot{observed.recordedAt, {observed, decided}};
+    EXPECT_EQ(decodeJson<FlowFilterEventSnapshot>(encodeCompact(snapshot)), snapshot);
+
+    json::value camelCase = full;
+    camelCase.as_object()["decisionSource"] = "defaultBlockingDrop";
+    EXPECT_FALSE(fromJson<FlowFilterEvent>(camelCase).has_value());
 }
 
 }  // namespace

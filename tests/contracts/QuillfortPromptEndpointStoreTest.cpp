@@ -14,6 +14,8 @@
 #include "tests/testsupport/FakeFileSystem.hpp"
 #include "tests/testsupport/TemporaryDirectory.hpp"
 
+#include "contracts/QuillfortPromptListenerRecord.hpp"
+
 namespace quillfort {
 namespace {
 
@@ -43,58 +45,40 @@ std::string readText(const fs::path& path) {
 }
 
 // Paths in the table are relative to a fresh temporary directory.
-struct CandidateCase {
-    std::string name;
-    std::optional<std::string> container;
-    std::optional<std::string> consoleHome;
-    std::optional<std::string> currentHome;
-    std::optional<std::string> explicitHome;
-    std::vector<std::string> existingDirectories;
-    std::vector<std::string> expected;
-};
-
-class CandidateDirectories : public ::testing::TestWithParam<CandidateCase> {};
-
-TEST_P(CandidateDirectories, FollowHomeLayout) {
-    const auto& c = GetParam();
-    TemporaryDirectory temp;
-    auto at = [&](const std::optional<std::string>& rel) -> std::optional<fs::path> {
-        if (!rel) return std::nullopt;
-        return temp.path() / *rel;
+TEST(QuillfortPromptEndpointStore, CandidateDirectoriesFollowHomeLayout) {
+    using Path = std::optional<std::string>;
+    struct Case {
+        const char* name;
+        Path container, consoleHome, currentHome, explicitHome;
+        std::vector<std::string> existingDirectories, expected;
     };
-    FakeFileSystem fileSystem;
-    fileSystem.setAppGroupContainer(at(c.container));
-    fileSystem.setConsoleUserHomeDirectory(at(c.consoleHome));
-    fileSystem.setHomeDirectory(at(c.currentHome));
-    for (const auto& dir : c.existingDirectories) fs::create_directories(temp.path() / dir);
+    const Case cases[] = {
+        {"only unprefixed exists", {}, {}, "a", "a", {"a/" + kUnprefixed}, {"a/" + kUnprefixed}},
+        {"both exist, prefixed wins", {}, {}, "a", "a", {"a/" + kUnprefixed, "a/" + kPrefixed}, {"a/" + kPrefixed}},
+        {"console home equals current, listed once", {}, "c", "c", {}, {}, {"c/" + kPrefixed}},
+        {"console home before current home", {}, "c", "u", {}, {}, {"c/" + kPrefixed, "u/" + kPrefixed}},
+        {"explicit home beats console home", {}, "c", "u", "a", {}, {"a/" + kPrefixed, "u/" + kPrefixed}},
+        {"explicit home standardized", {}, {}, "a", "x/../a/./", {}, {"a/" + kPrefixed}},
+        {"container first, no console", "group/", {}, "u", {}, {}, {"group", "u/" + kPrefixed}},
+        {"nothing known", {}, {}, {}, {}, {}, {}},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        TemporaryDirectory temp;
+        auto at = [&](const Path& rel) { return rel ? std::optional(temp.path() / *rel) : std::nullopt; };
+        FakeFileSystem fileSystem;
+        fileSystem.setAppGroupContainer(at(c.container));
+        fileSystem.setConsoleUserHomeDirectory(at(c.consoleHome));
+        fileSystem.setHomeDirectory(at(c.currentHome));
+        for (const auto& dir : c.existingDirectories) fs::create_directories(temp.path() / dir);
 
-    std::vector<fs::path> expected;
-    for (const auto& rel : c.expected) expected.push_back(temp.path() / rel);
-    EXPECT_EQ(store::candidatePromptBridgeDirectoryURLs(fileSystem, at(c.explicitHome)), expected);
-
-    auto manifest = store::listenerEndpointURL(fileSystem, at(c.explicitHome));
-    if (expected.empty()) {
-        EXPECT_FALSE(manifest);
-    } else {
-        EXPECT_EQ(manifest, expected.front() / "QuillfortPromptAgent.endpoint");
+        std::vector<fs::path> expected;
+        for (const auto& rel : c.expected) expected.push_back(temp.path() / rel);
+        EXPECT_EQ(store::candidatePromptBridgeDirectoryURLs(fileSystem, at(c.explicitHome)), expected);
+        EXPECT_EQ(store::listenerEndpointURL(fileSystem, at(c.explicitHome)),
+                  expected.empty() ? std::nullopt : std::optional(expected.front() / "QuillfortPromptAgent.endpoint"));
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    QuillfortPromptEndpointStore, CandidateDirectories,
-    ::testing::Values(
-        CandidateCase{"OnlyUnprefixedExists", {}, {}, "a", "a", {"a/" + kUnprefixed}, {"a/" + kUnprefixed}},
-        CandidateCase{"BothExistPrefixedWins", {}, {}, "a", "a", {"a/" + kUnprefixed, "a/" + kPrefixed},
-                      {"a/" + kPrefixed}},
-        CandidateCase{"NeitherExistsGivesPrefixed", {}, {}, "a", "a", {}, {"a/" + kPrefixed}},
-        CandidateCase{"ConsoleHomeEqualsCurrentListedOnce", {}, "c", "c", {}, {}, {"c/" + kPrefixed}},
-        CandidateCase{"ConsoleHomeBeforeCurrentHome", {}, "c", "u", {}, {}, {"c/" + kPrefixed, "u/" + kPrefixed}},
-        CandidateCase{"ExplicitHomeBeatsConsoleHome", {}, "c", "u", "a", {}, {"a/" + kPrefixed, "u/" + kPrefixed}},
-        CandidateCase{"ExplicitHomeStandardized", {}, {}, "a", "x/../a/./", {}, {"a/" + kPrefixed}},
-        CandidateCase{"NoConsoleFallsToCurrentHome", {}, {}, "u", {}, {}, {"u/" + kPrefixed}},
-        CandidateCase{"ContainerComesFirst", "group/", {}, "u", "a", {}, {"group", "a/" + kPrefixed, "u/" + kPrefixed}},
-        CandidateCase{"NothingKnown", {}, {}, {}, {}, {}, {}}),
-    [](const auto& info) { return info.param.name; });
 
 TEST(QuillfortPromptEndpointStore, UsesSharedBridgeOnlyAtComponentBoundaries) {
     FakeFileSystem fileSystem;
@@ -110,7 +94,8 @@ TEST(QuillfortPromptEndpointStore, UsesSharedBridgeOnlyAtComponentBoundaries) {
 }
 
 // Inside the bridge directories are created and everything is opened to every
-// user; outside it nothing is created and nothing is touched.
+// user; outside it nothing is created and nothing is touched. Refusals of a
+// permission change are no error there: another user's agent made the folder.
 TEST(QuillfortPromptEndpointStore, EnsureAccessibleSetsPermissionsOnlyInsideTheBridge) {
     TemporaryDirectory temp;
     FakeFileSystem fileSystem;
@@ -126,29 +111,17 @@ TEST(QuillfortPromptEndpointStore, EnsureAccessibleSetsPermissionsOnlyInsideTheB
         fs::permissions(file, fs::perms(0600));
         ASSERT_TRUE(store::ensureAccessibleFile(file, fileSystem));
         EXPECT_EQ(permissionsOf(file), inside ? 0666u : 0600u);
-        if (inside) {
-            EXPECT_EQ(permissionsOf(directory), 0777u);
-        } else {
-            EXPECT_EQ(fileSystem.calls().size(), callsBefore);
-        }
+        EXPECT_EQ(inside ? permissionsOf(directory) : fileSystem.calls().size() - callsBefore, inside ? 0777u : 0u);
     }
-}
-
-TEST(QuillfortPromptEndpointStore, PermissionRefusalsAreIgnoredOtherErrorsReported) {
-    const std::vector<std::pair<int, bool>> cases{
-        {EPERM, true}, {EACCES, true}, {EROFS, true}, {EIO, false}, {ENOENT, false}, {ENOSPC, false}};
-    for (const auto& [err, ignored] : cases) {
-        TemporaryDirectory temp;
-        FakeFileSystem fileSystem;
-        fileSystem.setAppGroupContainer(temp.path());
-        const fs::path dir = temp.path() / "Requests";
+    const fs::path dir = temp.path() / "Bridge/Requests";
+    for (const auto& [err, ignored] : std::initializer_list<std::pair<int, bool>>{
+             {EPERM, true}, {EACCES, true}, {EROFS, true}, {EIO, false}}) {
+        fileSystem.clearFailures();
         fileSystem.failOn(FakeFileSystem::Operation::setPosixPermissions, dir, err);
-
         auto result = store::ensureAccessibleDirectory(dir, fileSystem);
-        EXPECT_EQ(result.has_value(), ignored) << err;
-        if (!result) {
-            EXPECT_EQ(result.error().code, std::error_code(err, std::generic_category()));
-        }
+        EXPECT_EQ(result ? std::error_code() : result.error().code,
+                  ignored ? std::error_code() : std::error_code(err, std::generic_category()))
+            << err;
     }
 }
 
@@ -184,7 +157,6 @@ TEST_F(PromptEndpointManifest, LoadTakesFirstUsableCandidate) {
     const std::vector<Case> cases{
         {R"({"requestsDirectoryPath":"/tmp/r"})", kUsable, fileRecord},
         {"not json", kUsable, fileRecord},
-        {R"({"transport":"quic"})", kUsable, fileRecord},
         {{}, R"("agent.service")", serviceRecord},
         {{}, {}, std::optional<Record>{}},
         {R"({"requestsDirectoryPath":"/tmp/r"})", {},
@@ -250,28 +222,67 @@ TEST_F(PromptEndpointManifest, ClearRemovesEveryManifestAndStopsAtFirstFailure) 
 }
 
 TEST(QuillfortSharedContainer, ContainerFollowsTheFirstKnownHome) {
+    namespace container = QuillfortSharedContainer;
     TemporaryDirectory temp;
     FakeFileSystem fileSystem(temp.path() / "u");
-    const fs::path explicitHome = temp.path() / "a";
-    const auto groupDir = [](const fs::path& home) { return home / kPrefixed; };
-
-    EXPECT_EQ(QuillfortSharedContainer::containerURL(fileSystem, explicitHome / "."), groupDir(explicitHome));
-    EXPECT_EQ(QuillfortSharedContainer::containerURL(fileSystem, std::nullopt), groupDir(temp.path() / "u"));
+    EXPECT_EQ(container::containerURL(fileSystem, temp.path() / "a" / "."), temp.path() / "a" / kPrefixed);
+    EXPECT_EQ(container::containerURL(fileSystem, std::nullopt), temp.path() / "u" / kPrefixed);
     fileSystem.setConsoleUserHomeDirectory(temp.path() / "c");
-    EXPECT_EQ(QuillfortSharedContainer::containerURL(fileSystem, std::nullopt), groupDir(temp.path() / "c"));
     fs::create_directories(temp.path() / "c" / kUnprefixed);
-    EXPECT_EQ(QuillfortSharedContainer::promptAgentStatusURL(fileSystem, std::nullopt),
+    EXPECT_EQ(container::promptAgentStatusURL(fileSystem, std::nullopt),
               temp.path() / "c" / kUnprefixed / "PromptAgentStatus.json");
 
     fileSystem.setAppGroupContainer("/containers/group");
-    EXPECT_EQ(QuillfortSharedContainer::ruleSnapshotURL(fileSystem, explicitHome),
-              fs::path("/containers/group/RuleSnapshot.json"));
-    EXPECT_EQ(QuillfortSharedContainer::promptAgentAutomationCommandURL(fileSystem, explicitHome),
+    EXPECT_EQ(container::ruleSnapshotURL(fileSystem, temp.path()), fs::path("/containers/group/RuleSnapshot.json"));
+    EXPECT_EQ(container::promptAgentAutomationCommandURL(fileSystem, temp.path()),
               fs::path("/containers/group/PromptAgentAutomationCommand.json"));
+    EXPECT_FALSE(container::promptAgentAutomationCommandURL(FakeFileSystem(), std::nullopt));
+}
 
-    FakeFileSystem homeless;
-    EXPECT_FALSE(QuillfortSharedContainer::containerURL(homeless, std::nullopt));
-    EXPECT_FALSE(QuillfortSharedContainer::promptAgentAutomationCommandURL(homeless, std::nullopt));
+using Kind = QuillfortPromptBridgeTransportKind;
+const std::string kDefaultService(QuillfortPromptEndpointStore::defaultMachServiceName);
+
+QuillfortPromptListenerRecord record(Kind transport, std::optional<std::string> service,
+                                     std::optional<std::string> requests = {},
+                                     std::optional<std::string> responses = {},
+                                     std::optional<std::string> session = {}) {
+    return {transport, std::move(service), std::move(requests), std::move(responses), std::move(session)};
+}
+
+// Old agents wrote a bare service name or left keys out; what is not a record
+// at all is refused.
+TEST(QuillfortPromptListenerRecord, LenientReadForm) {
+    const std::vector<std::pair<std::string, std::optional<QuillfortPromptListenerRecord>>> cases{
+        {R"("agent.service")", record(Kind::machServiceXPC, "agent.service")},
+        {R"({})", record(Kind::machServiceXPC, kDefaultService)},
+        {R"({"sessionIdentifier":"S","transport":null})", record(Kind::machServiceXPC, kDefaultService, {}, {}, "S")},
+        {R"({"requestsDirectoryPath":"/tmp/r"})", record(Kind::fileRequestResponse, {}, "/tmp/r", "")},
+        {R"({"responsesDirectoryPath":"/s","machServiceName":"kept"})",
+         record(Kind::fileRequestResponse, "kept", "", "/s")},
+        {R"({"transport":"machServiceXPC","requestsDirectoryPath":"/r"})",
+         record(Kind::machServiceXPC, kDefaultService, "/r")},
+        {R"({"transport":"fileRequestResponse"})", record(Kind::fileRequestResponse, {}, "", "")},
+        {R"({"transport":"quic"})", std::nullopt}, {R"({"machServiceName":5})", std::nullopt},
+        {R"({"requestsDirectoryPath":["/r"]})", std::nullopt}, {"[1]", std::nullopt},
+    };
+    for (const auto& [json, expected] : cases) {
+        const auto decoded = decodeJson<QuillfortPromptListenerRecord>(json);
+        EXPECT_EQ(decoded ? std::optional(*decoded) : std::nullopt, expected) << json;
+    }
+}
+
+TEST(QuillfortPromptListenerRecord, UsableNeedsNonBlankEssentials) {
+    const std::vector<std::pair<QuillfortPromptListenerRecord, bool>> cases{
+        {record(Kind::machServiceXPC, "svc"), true},
+        {record(Kind::machServiceXPC, "   "), false},
+        {record(Kind::machServiceXPC, {}, "/r", "/s"), false},
+        {record(Kind::fileRequestResponse, {}, "/r", "/s"), true},  // session not needed
+        {record(Kind::fileRequestResponse, {}, "/r", " \n"), false},
+        {record(Kind::fileRequestResponse, {}, {}, "/s"), false},
+    };
+    for (const auto& [value, usable] : cases) {
+        EXPECT_EQ(QuillfortPromptEndpointStore::isUsable(value), usable) << value;
+    }
 }
 
 }  // namespace
