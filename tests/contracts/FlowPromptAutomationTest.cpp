@@ -46,15 +46,13 @@ TEST(AutomationFocus, MatchesTheNormalisedHostAndThePortWhenGiven) {
         std::function<void(FlowPromptRequest&)> edit;
         bool matches;
     };
-    const auto endpointOnly = [](const char* host, std::uint16_t port) {
-        return [=](FlowPromptRequest& r) {
-            r.context.matchedHostname.reset();
-            r.context.flow.port.reset();
-            r.context.flow.remoteEndpoint = NetworkEndpoint{host, port};
-        };
-    };
     const Case cases[] = {
-        {"bracketed IPv6, any port", "[::1]", std::nullopt, endpointOnly("::1", 9999), true},
+        {"bracketed IPv6, any port", "[::1]", std::nullopt,
+         [](auto& r) {
+             r.context.matchedHostname.reset(), r.context.flow.port.reset();
+             r.context.flow.remoteEndpoint = NetworkEndpoint{"::1", 9999};
+         },
+         true},
         {"both hosts normalised, same port", "Example.COM", 443,
          [](auto& r) { r.context.matchedHostname = " example.COM\n"; }, true},
         {"other port", "api.example.com", 443, [](auto& r) { r.context.flow.port = 80; }, false},
@@ -79,12 +77,7 @@ TEST(AutomationFocus, MatchesTheNormalisedHostAndThePortWhenGiven) {
 }
 
 TEST(AutomationPreset, MakesTheCannedAnswerWithTheDefaultRule) {
-    struct Case {
-        Preset preset;
-        RuleAction action;
-        RuleScope scope;
-    };
-    const Case cases[] = {
+    const std::tuple<Preset, RuleAction, RuleScope> cases[] = {
         {Preset::allowOnce, RuleAction::allow, RuleScope::temporary},
         {Preset::allowSession, RuleAction::allow, RuleScope::session},
         {Preset::allowPermanent, RuleAction::allow, RuleScope::persistent},
@@ -93,16 +86,15 @@ TEST(AutomationPreset, MakesTheCannedAnswerWithTheDefaultRule) {
         {Preset::blockPermanent, RuleAction::drop, RuleScope::persistent},
     };
     const auto request = sampleRequest();
-    for (const auto& c : cases) {
+    for (const auto& [preset, action, scope] : cases) {
         testing::SequentialUuidSource ids, sameIds;
-        const bool once = c.scope == RuleScope::temporary;
+        const bool once = scope == RuleScope::temporary;
         auto selection = once ? std::nullopt : std::optional(FlowPromptRuleBuilder::defaultSelection(request));
         auto rule = once ? std::nullopt
-                         : FlowPromptRuleBuilder::buildSuggestedRule(request, c.action, c.scope, *selection, sameIds);
-        EXPECT_EQ(makeResponse(c.preset, request, ids), (FlowPromptResponse{request.id, c.action, c.scope,
-                                                                            c.scope == RuleScope::persistent,
-                                                                            selection, rule}))
-            << rawValue(c.preset);
+                         : FlowPromptRuleBuilder::buildSuggestedRule(request, action, scope, *selection, sameIds);
+        EXPECT_EQ(makeResponse(preset, request, ids),
+                  (FlowPromptResponse{request.id, action, scope, scope == RuleScope::persistent, selection, rule}))
+            << rawValue(preset);
     }
 }
 

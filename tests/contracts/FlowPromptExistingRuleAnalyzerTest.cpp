@@ -101,22 +101,17 @@ TEST(ExistingRuleAnalyzer, NoCandidateWithoutAnIdentifiableProcess) {
 }
 
 TEST(ExistingRuleAnalyzer, SuffixNamesTheDomainAndItsSubdomainsOnly) {
-    struct Case {
-        std::string pattern;
-        std::optional<std::string> host;
-        bool matches;
-    };
-    const Case cases[] = {
+    const std::tuple<std::string, std::optional<std::string>, bool> cases[] = {
         {" *.example.com\n", "example.com", true}, {".example.com", "api.example.com", true},
         {"example.com", "badexample.com", false},   {"*.", "example.com", false},
         {".example.com", std::nullopt, false},
     };
-    for (const auto& c : cases) {
+    for (const auto& [pattern, host, matches] : cases) {
         auto request = sampleRequest();
-        request.context.matchedHostname = c.host;
+        request.context.matchedHostname = host;
         request.context.flow.remoteEndpoint.reset();
-        EXPECT_EQ(destinationMatches({D::hostnameSuffix(c.pattern)}, request), c.matches)
-            << "'" << c.pattern << "' for " << c.host.value_or("no host");
+        EXPECT_EQ(destinationMatches({D::hostnameSuffix(pattern)}, request), matches)
+            << "'" << pattern << "' for " << host.value_or("no host");
     }
 }
 
@@ -125,7 +120,6 @@ TEST(ExistingRuleAnalyzer, FirstQualifyingRuleWinsEnabledOrNot) {
     unrelated.destination = {D::hostnameExact("other.example.com")};
     Rule disabledBlock = oldCurlRule(2);
     disabledBlock.enabled = false;
-    disabledBlock.action = RuleAction::drop;
     disabledBlock.subject[1] = S::signingID("com.apple.curl.v1");
     const Rule later = oldCurlRule(3);
     const auto candidate = signerChangeCandidate(sampleRequest(), {unrelated, disabledBlock, later});

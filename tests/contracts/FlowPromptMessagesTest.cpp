@@ -14,25 +14,19 @@ namespace {
 
 using testing::sampleRequest;
 
-template <class T>
-void expectRoundTrip(const T& value) {
-    const std::string text = encodeCompact(value);
-    const auto decoded = decodeJson<T>(text);
-    ASSERT_TRUE(decoded.has_value()) << decoded.error() << " in " << text;
-    EXPECT_EQ(*decoded, value) << text;
-}
-
 TEST(FlowPromptMessages, EveryMessageRoundTrips) {
     auto request = sampleRequest();
     testing::SequentialUuidSource ids;
     auto selection = FlowPromptRuleBuilder::defaultSelection(request);
     auto rule = FlowPromptRuleBuilder::buildSuggestedRule(request, RuleAction::drop, RuleScope::persistent, selection, ids);
     request.suggestedRule = rule;
-    expectRoundTrip(request);
+    EXPECT_EQ(decodeJson<FlowPromptRequest>(encodeCompact(request)), request);
     selection.hostMatchMode = FlowPromptHostMatchMode::suffix;
     selection.hostPatternOverride.reset();
-    expectRoundTrip(FlowPromptResponse{request.id, RuleAction::drop, RuleScope::persistent, true, selection, rule});
-    expectRoundTrip(FlowPromptSignerChangeCandidate{testing::uuidNumber(5), "Allow curl", "com.apple.curl.old"});
+    const FlowPromptResponse response{request.id, RuleAction::drop, RuleScope::persistent, true, selection, rule};
+    EXPECT_EQ(decodeJson<FlowPromptResponse>(encodeCompact(response)), response);
+    const FlowPromptSignerChangeCandidate candidate{testing::uuidNumber(5), "Allow curl", "com.apple.curl.old"};
+    EXPECT_EQ(decodeJson<FlowPromptSignerChangeCandidate>(encodeCompact(candidate)), candidate);
 }
 
 TEST(FlowPromptMessages, DecodeFailuresNameTheKey) {
@@ -64,21 +58,18 @@ TEST(QuillfortPromptBridgeEnvelopes, EnvelopesAreCompactInFieldOrderAndRoundTrip
 
     FlowPromptResponse answer{kPromptID, RuleAction::drop, RuleScope::session, false, std::nullopt, std::nullopt};
     const std::string answerText = R"({"promptID":)" + std::string(kID) + R"(,"action":"drop","scope":"session","persist":false})";
-    struct Case {
-        QuillfortPromptBridgeResponseEnvelope envelope;
-        std::string middle;  // between promptID and createdAt
-    };
-    const Case cases[] = {
+    // Each envelope with what stands between its promptID and createdAt.
+    const std::pair<QuillfortPromptBridgeResponseEnvelope, std::string> cases[] = {
         {{kPromptID, std::nullopt, std::nullopt, kCreatedAt}, ""},
         {{kPromptID, answer, std::nullopt, kCreatedAt}, R"("response":)" + answerText + ","},
         {{kPromptID, answer, "agent busy", kCreatedAt},
          R"("response":)" + answerText + R"(,"errorMessage":"agent busy",)"},
     };
-    for (const auto& c : cases) {
+    for (const auto& [envelope, middle] : cases) {
         const std::string json =
-            R"({"promptID":)" + std::string(kID) + "," + c.middle + R"("createdAt":)" + std::string(kDate) + "}";
-        EXPECT_EQ(encodeCompact(c.envelope), json);
-        EXPECT_EQ(decodeJson<QuillfortPromptBridgeResponseEnvelope>(json), c.envelope);
+            R"({"promptID":)" + std::string(kID) + "," + middle + R"("createdAt":)" + std::string(kDate) + "}";
+        EXPECT_EQ(encodeCompact(envelope), json);
+        EXPECT_EQ(decodeJson<QuillfortPromptBridgeResponseEnvelope>(json), envelope);
     }
 }
 
@@ -103,7 +94,7 @@ TEST(QuillfortPromptBridgeEnvelopes, DecodingNeedsRequiredKeysAndReadsNullAsAbse
 
 TEST(FlowFilterEvent, RoundTripsWithSnakeCaseSourceAndAbsentOptionalsLeftOut) {
     FlowFilterEvent observed;
-    observed.id = *Uuid::parse("6F1C2A9E-0B4D-4E8F-9A7C-3D2E1F0A5B6C");
+    observed.id = kPromptID;
     observed.recordedAt = Date{std::chrono::seconds{1772366400}};
     observed.summary = "curl -> api.example.com:443";
     const json::value bare = toJson(observed);

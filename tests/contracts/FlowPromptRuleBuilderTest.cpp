@@ -27,15 +27,9 @@ void withoutHost(FlowPromptRequest& r) {
 }
 
 TEST(RuleBuilder, DefaultSelectionOffersEveryFacetTheFlowHas) {
-    struct Case {
-        const char* what;
-        RequestEdit edit;
-        FlowPromptRuleSelection expected;
-    };
-    const Case cases[] = {
-        {"sample", kAsSampled, {true, true, true, true, Mode::exact, "api.example.com", true, true}},
-        {"bare flow",
-         [](FlowPromptRequest& r) {
+    // The sample flow's selection, every facet on, is the first row of the next test.
+    const std::pair<RequestEdit, FlowPromptRuleSelection> cases[] = {
+        {[](FlowPromptRequest& r) {  // a bare flow
              withoutHost(r);
              r.context.flow.port.reset();
              r.context.flow.transportProtocol = TransportProtocol::unknown;
@@ -43,8 +37,7 @@ TEST(RuleBuilder, DefaultSelectionOffersEveryFacetTheFlowHas) {
              r.context.ancestorChain.clear();
          },
          {false, false, false, false, Mode::none, std::nullopt, false, false}},
-        {"empty signer still offered, host text, endpoint port",
-         [](FlowPromptRequest& r) {
+        {[](FlowPromptRequest& r) {  // the empty signer still offered, host text, the endpoint's port
              r.context.matchedProcessNode = sampleProcess("/usr/bin/curl", "");
              r.context.ancestorChain = {sampleProcess("/bin/sh")};
              r.context.matchedHostname.reset();
@@ -53,11 +46,10 @@ TEST(RuleBuilder, DefaultSelectionOffersEveryFacetTheFlowHas) {
          },
          {true, true, false, false, Mode::exact, "Files.Example.com", true, true}},
     };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+    for (const auto& [edit, expected] : cases) {
         auto request = sampleRequest();
-        c.edit(request);
-        EXPECT_EQ(defaultSelection(request), c.expected);
+        edit(request);
+        EXPECT_EQ(defaultSelection(request), expected);
     }
 }
 
@@ -69,9 +61,6 @@ TEST(RuleBuilder, ConditionsAndNameFollowTheSelection) {
     const auto exactHost = D::hostnameExact("api.example.com");
     const auto port443 = D::portExact(443);
     const auto tcp = D::transportProtocol(TransportProtocol::tcp);
-    const auto suffix = [](std::optional<std::string> pattern) {
-        return [=](FlowPromptRuleSelection& s) { s.hostMatchMode = Mode::suffix, s.hostPatternOverride = pattern; };
-    };
     struct Case {
         RuleAction action;
         RequestEdit editRequest;
@@ -89,10 +78,9 @@ TEST(RuleBuilder, ConditionsAndNameFollowTheSelection) {
         {RuleAction::drop, [](auto& r) { r.context.matchedHostname = "a.b.example.co.uk"; },
          [](auto& s) { s.hostMatchMode = Mode::suffix, s.hostPatternOverride.reset(), s.includePortExact = false; },
          "Drop curl -> domain *.example.co.uk on any port", process, {D::hostnameSuffix(".example.co.uk"), tcp}},
-        {RuleAction::allow, kAsSampled, suffix(" *.example.org\n"), "Allow curl -> domain *.example.org:443", process,
-         {D::hostnameSuffix(".example.org"), port443, tcp}},
-        {RuleAction::allow, withoutHost, suffix(std::nullopt), "Allow curl -> domain *.any-host:443", process,
-         {port443, tcp}},
+        {RuleAction::allow, kAsSampled,
+         [](auto& s) { s.hostMatchMode = Mode::suffix, s.hostPatternOverride = " *.example.org\n"; },
+         "Allow curl -> domain *.example.org:443", process, {D::hostnameSuffix(".example.org"), port443, tcp}},
         {RuleAction::ask,
          [](auto& r) { withoutHost(r), r.context.flow.port.reset(); },
          [](auto& s) { s.hostMatchMode = Mode::exact, s.includePortExact = true; }, "Ask curl -> any-host on any port",

@@ -35,9 +35,7 @@ protected:
 
 TEST_F(JsonFileStores, WithoutLocationEverythingIsANoOp) {
     PromptAgentStatusStore store(fileSystem, std::nullopt);
-    auto loaded = store.loadIfPresent();
-    ASSERT_TRUE(loaded);
-    EXPECT_FALSE(*loaded);
+    EXPECT_EQ(store.loadIfPresent().value(), std::nullopt);
     EXPECT_TRUE(store.save(PromptAgentStatusSnapshot{}));
     EXPECT_TRUE(store.clear());
     EXPECT_TRUE(fileSystem.calls().empty());
@@ -61,14 +59,11 @@ TEST_F(JsonFileStores, MissingFileIsNothingButOtherReadProblemsFail) {
     auto oversize = store.loadIfPresent();
     ASSERT_FALSE(oversize);
     EXPECT_EQ(oversize.error().code, std::errc::file_too_large);
-}
 
-TEST_F(JsonFileStores, DecodeErrorsAreReported) {
-    RuleSnapshotStore store(fileSystem, file());
     writeText(file(), R"({"rules":[]})");
-    auto loaded = store.load(kNoon);
-    ASSERT_FALSE(loaded);
-    EXPECT_EQ(loaded.error().description, "generatedAt: missing required key");
+    auto undecodable = store.load(kNoon);
+    ASSERT_FALSE(undecodable);
+    EXPECT_EQ(undecodable.error().description, "generatedAt: missing required key");
 }
 
 TEST_F(JsonFileStores, SaveCreatesParentsAndChangesNoPermissions) {
@@ -116,15 +111,13 @@ TEST_F(JsonFileStores, CommandWithUnknownPresetFailsToLoad) {
     EXPECT_TRUE(unknown.error().description.starts_with("preset:")) << unknown.error().description;
 }
 
-Date at(std::string_view text) { return parseIso8601(text).value(); }
-
 TEST(PromptAgentStatusSnapshot, OlderFilesReadWithPresentationDefaults) {
     auto decoded = decodeJson<PromptAgentStatusSnapshot>(
         R"({"updatedAt":"2026-03-01T12:00:00Z","listenerReady":true,"loopbackListenerReady":false,)"
         R"("manifestPublished":true,"statusText":"Prompt bridge ready."})");
     ASSERT_TRUE(decoded) << decoded.error();
     PromptAgentStatusSnapshot expected;
-    expected.updatedAt = at("2026-03-01T12:00:00Z");
+    expected.updatedAt = kNoon;
     expected.listenerReady = true;
     expected.manifestPublished = true;
     expected.statusText = "Prompt bridge ready.";
@@ -148,13 +141,11 @@ TEST(PromptAgentStatusSnapshot, RequiredKeysAndTypesAreEnforced) {
     }
 }
 
-TEST(PromptAgentStatusStore, WritesSortedIndentedFileAndReadsItBack) {
-    TemporaryDirectory temp;
-    FakeFileSystem fileSystem;
-    PromptAgentStatusStore store(fileSystem, temp.path() / "PromptAgentStatus.json");
+TEST_F(JsonFileStores, StatusIsWrittenSortedAndIndentedAndReadBack) {
+    PromptAgentStatusStore store(fileSystem, file());
 
     PromptAgentStatusSnapshot status;
-    status.updatedAt = at("2026-03-01T12:00:00Z");
+    status.updatedAt = kNoon;
     status.listenerReady = true;
     status.statusText = "Starting prompt bridge...";
     ASSERT_TRUE(store.save(status));
@@ -173,7 +164,7 @@ TEST(PromptAgentStatusStore, WritesSortedIndentedFileAndReadsItBack) {
               "}");
 
     const auto id = Uuid::parse("6f1c2b9e-3d4a-4b5c-8d6e-7f8091a2b3c4").value();
-    status.lastPromptReceivedAt = at("2026-03-01T12:00:05Z");
+    status.lastPromptReceivedAt = kNoon + std::chrono::seconds{5};
     status.activePromptCount = 2;
     status.activePrompt = PromptAgentActivePromptSnapshot{id, "example.com", 443, 2, "curl", "allow session curl"};
     status.queuedPrompts = {{id, "example.com", 443, "curl", "allow session curl"},

@@ -106,16 +106,16 @@ TEST(QuillfortFilterVendorConfiguration, DecodersGiveNothingForMissingOrMistyped
                    {"ruleSnapshotJSON", true},
                    {"promptAutomationHost", std::int64_t{127}}},
     };
-    for (std::size_t i = 0; i < std::size(cases); ++i) {
-        SCOPED_TRACE("case " + std::to_string(i));
-        EXPECT_EQ(Config::decodedUnknownTrafficMode(cases[i]), std::nullopt);
-        EXPECT_EQ(Config::decodedShadowPromptDropEnabled(cases[i]), std::nullopt);
-        EXPECT_EQ(Config::decodedRuleSnapshot(cases[i]), std::nullopt);
-        EXPECT_EQ(Config::decodedPromptAutomationFocus(cases[i]), std::nullopt);
-        EXPECT_EQ(Config::decodedPromptAutomationDirective(cases[i]), std::nullopt);
-        EXPECT_EQ(Config::decodedProcessGraphSnapshotJSON(cases[i]), std::nullopt);
-        EXPECT_EQ(Config::decodedConsoleUserHomeDirectoryPath(cases[i]), std::nullopt);
-        EXPECT_EQ(Config::decodedPromptAutomationResponseRawValue(cases[i]), std::nullopt);
+    for (const auto& configuration : cases) {
+        SCOPED_TRACE(configuration ? "mistyped values" : "no dictionary");
+        EXPECT_EQ(Config::decodedUnknownTrafficMode(configuration), std::nullopt);
+        EXPECT_EQ(Config::decodedShadowPromptDropEnabled(configuration), std::nullopt);
+        EXPECT_EQ(Config::decodedRuleSnapshot(configuration), std::nullopt);
+        EXPECT_EQ(Config::decodedPromptAutomationFocus(configuration), std::nullopt);
+        EXPECT_EQ(Config::decodedPromptAutomationDirective(configuration), std::nullopt);
+        EXPECT_EQ(Config::decodedProcessGraphSnapshotJSON(configuration), std::nullopt);
+        EXPECT_EQ(Config::decodedConsoleUserHomeDirectoryPath(configuration), std::nullopt);
+        EXPECT_EQ(Config::decodedPromptAutomationResponseRawValue(configuration), std::nullopt);
     }
     const Dictionary unreadable{{"unknownTrafficMode", S("Blocking")},
                                 {"promptAutomationHost", S(" [] ")},
@@ -136,14 +136,10 @@ TEST(QuillfortFilterVendorConfiguration, FocusPortFromIntegersAndReals) {
         {std::nan(""), std::nullopt},
         {S("27839"), std::nullopt},
     };
-    for (std::size_t i = 0; i < std::size(cases); ++i) {
-        SCOPED_TRACE("case " + std::to_string(i));
-        const auto& [port, expected] = cases[i];
+    for (const auto& [port, expected] : cases) {
         const Dictionary configuration{{"promptAutomationHost", S(" [::1]\n")}, {"promptAutomationPort", port}};
-        const auto focus = Config::decodedPromptAutomationFocus(configuration);
-        ASSERT_TRUE(focus.has_value());
-        EXPECT_EQ(focus->host, "::1");
-        EXPECT_EQ(focus->port, expected);
+        EXPECT_EQ(Config::decodedPromptAutomationFocus(configuration), (FlowPromptAutomationFocus{"::1", expected}))
+            << ::testing::PrintToString(port);
     }
 }
 
