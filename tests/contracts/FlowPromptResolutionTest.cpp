@@ -25,16 +25,9 @@ Rule ruleNumbered(std::uint64_t n, std::string name = "old") {
 enum class RuleSource { suggestedRule, ruleSelection, neither };
 
 FlowPromptResponse answer(RuleAction action, RuleScope scope, RuleSource source) {
-    FlowPromptResponse response;
-    response.promptID = sampleRequest().id;
-    response.action = action;
-    response.scope = scope;
-    response.persist = scope == RuleScope::persistent;
+    FlowPromptResponse response{sampleRequest().id, action, scope, scope == RuleScope::persistent, {}, {}};
     if (source == RuleSource::suggestedRule) response.suggestedRule = ruleNumbered(500, "suggested");
-    if (source == RuleSource::ruleSelection) {
-        response.ruleSelection.emplace();
-        response.ruleSelection->includeExactProcess = true;
-    }
+    if (source == RuleSource::ruleSelection) response.ruleSelection.emplace().includeExactProcess = true;
     return response;
 }
 

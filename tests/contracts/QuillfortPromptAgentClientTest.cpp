@@ -42,13 +42,7 @@ FlowPromptRequest requestFor(std::uint64_t id, std::string host = "api.example.c
 }
 
 FlowPromptResponse sampleResponse() {
-    FlowPromptResponse response;
-    response.promptID = testing::sampleUuid(7);
-    response.action = RuleAction::allow;
-    response.scope = RuleScope::persistent;
-    response.persist = true;
-    response.suggestedRule = testing::sampleRule();
-    return response;
+    return {testing::sampleUuid(7), RuleAction::allow, RuleScope::persistent, true, std::nullopt, testing::sampleRule()};
 }
 
 std::string responseEnvelopeJson(std::optional<FlowPromptResponse> response,
@@ -398,10 +392,9 @@ void ClientBridgeTest::expectAutomatedAnswerPassesSixtyFourWaiting(bool overLoop
     }
     ASSERT_TRUE(eventually([&] { return heldOpen() == 64; })) << heldOpen() << " prompts reached the agent";
 
-    std::optional<std::future<void>> bridgeAnswer;
-    if (!loopback) bridgeAnswer = answerOnce(automatedEnvelope);
+    auto bridgeAnswer = loopback ? std::future<void>() : answerOnce(automatedEnvelope);
     const auto answered = waitingClient->submitSync(requestFor(7, "auto.example.com"), generousTimeout);
-    if (bridgeAnswer) bridgeAnswer->get();
+    if (bridgeAnswer.valid()) bridgeAnswer.get();
 
     ASSERT_TRUE(answered.has_value()) << answered.error();
     EXPECT_EQ(*answered, sampleResponse());
@@ -415,9 +408,8 @@ void ClientBridgeTest::expectAutomatedAnswerPassesSixtyFourWaiting(bool overLoop
     for (const auto& result : waitingResults)
         EXPECT_EQ(result.error(), ClientError::transportFailure(std::string(Messages::clientStopped)));
     // Nobody reads their answers any more, so their requests are withdrawn.
-    if (!loopback) {
-        for (std::uint64_t id = 100; id < 164; ++id) EXPECT_FALSE(std::filesystem::exists(requestFile(id))) << id;
-    }
+    for (std::uint64_t id = 100; !loopback && id < 164; ++id)
+        EXPECT_FALSE(std::filesystem::exists(requestFile(id))) << id;
 }
 
 }  // namespace
