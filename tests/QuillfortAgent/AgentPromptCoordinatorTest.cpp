@@ -194,18 +194,6 @@ TEST(AgentPromptCoordinator, LastingAnswerAlsoAnswersTheQueuedPromptsItsRuleDeci
     }
 }
 
-TEST(AgentPromptCoordinator, KeepsTheSixNewestAnswers) {
-    Harness h;
-    for (std::uint64_t n = 1; n <= 7; ++n) {
-        h.receive(fmt::format("host{}.example.org", n), n);
-        h.coordinator->resolvePrompt(testing::sampleUuid(n));
-    }
-    EXPECT_THAT(h.recordTitles(),
-                ElementsAre("Resolved host7.example.org", "Resolved host6.example.org", "Resolved host5.example.org",
-                            "Resolved host4.example.org", "Resolved host3.example.org", "Resolved host2.example.org"));
-    EXPECT_EQ(h.coordinator->recentResponses().value()[0].resolvedAt, "12:00:00");
-}
-
 TEST(AgentPromptCoordinator, ConfirmedChoiceSeedsTheNextSession) {
     Harness h;
     h.receive("api.example.net", 1);

@@ -2,8 +2,8 @@
 # The agent's session-bus interface, driven with busctl on a private session
 # bus (CTest runs it under dbus-run-session): three prompts of curl to one host
 # and one to another; one allow-always answer settles the three and leaves the
-# other, with one rule in the snapshot; a once answer settles only itself; bad
-# calls are refused by name and change nothing.
+# other, with one rule in the snapshot; bad calls are refused by name and
+# change nothing.
 #   AgentSessionBusServiceTest.sh AGENT TOOL
 set -euo pipefail
 agent=$1 tool=$2
@@ -56,7 +56,6 @@ refused() {  # refused TEXT CALL...: the call fails saying TEXT
 refused 'No queued prompt' Resolve ss 00000000-0000-4000-8000-000000000000 ""
 refused 'Not a prompt id' Cancel s not-a-uuid
 refused 'Not a preset' SetPreset ss "$first" sometimes
-refused 'Not a host scope' SetHostScope ss "$first" exact:elsewhere.org
 refused 'Not a rule selection' SetRuleSelection ss "$first" '{"includeSigner":true}'
 queued 4 || fail "a refused call changed the queue"
 
@@ -69,12 +68,5 @@ for n in 1 2 4; do
 done
 [ "$(jq -r .suggestedRule.id "$home/1.json")" = "$(jq -r .suggestedRule.id "$home/4.json")" ] || fail "rule ids differ"
 waitFor "one rule in the snapshot" bash -c "'$tool' rules --json --home '$home' | jq -e '.rules | length == 1'"
-
-# A once answer settles only itself, though the next prompt is the same flow.
-ask b.example.org "$home/5.json"; waitFor "prompt 5" queued 2
-call Resolve ss "$(prompts | jq -r '.[0].id')" allowOnce >/dev/null
-waitFor "the once answer" jq -e . "$home/3.json"
-jq -e '.scope == "temporary"' "$home/3.json" >/dev/null || fail "answer 3: $(cat "$home/3.json")"
-queued 1 || fail "a once answer settled more than itself: $(prompts)"
 
 echo PASS

@@ -1,10 +1,8 @@
 #include "QuillfortAgent/QuillfortAgentSingleInstanceGuard.hpp"
 
-#include <fstream>
-#include <sstream>
-
 #include <gtest/gtest.h>
 
+#include "tests/testsupport/ChildProcess.hpp"
 #include "tests/testsupport/FakeFileSystem.hpp"
 #include "tests/testsupport/TemporaryDirectory.hpp"
 
@@ -12,14 +10,8 @@ namespace quillfort {
 namespace {
 
 using testing::FakeFileSystem;
+using testing::readText;
 using testing::TemporaryDirectory;
-
-std::string contentOf(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
 
 struct GuardHome {
     TemporaryDirectory home;
@@ -29,18 +21,11 @@ struct GuardHome {
                                      "QuillfortAgent.lock";
 };
 
-TEST(SingleInstanceGuard, FirstInstanceTakesTheLockAndWritesItsIdentifier) {
-    GuardHome setup;
-    ASSERT_EQ(QuillfortAgentSingleInstanceGuard::lockFileURL(setup.fileSystem, std::nullopt), setup.lockFile);
-
-    const QuillfortAgentSingleInstanceGuard guard(setup.fileSystem, std::nullopt, 4711);
-    EXPECT_TRUE(guard.shouldActivateCurrentInstance());
-    EXPECT_GE(guard.fileDescriptor(), 0);
-    EXPECT_EQ(contentOf(setup.lockFile), "4711\n");
-}
-
+// The first instance takes the lock and writes its identifier; others give way
+// until it is gone, and the next one replaces the stale identifier.
 TEST(SingleInstanceGuard, SecondInstanceGivesWayAndTheStaleIdentifierIsReplacedOnceTheLockIsFree) {
     GuardHome setup;
+    ASSERT_EQ(QuillfortAgentSingleInstanceGuard::lockFileURL(setup.fileSystem, std::nullopt), setup.lockFile);
     {
         const QuillfortAgentSingleInstanceGuard first(setup.fileSystem, std::nullopt, 123456789);
         ASSERT_TRUE(first.shouldActivateCurrentInstance());
@@ -49,14 +34,14 @@ TEST(SingleInstanceGuard, SecondInstanceGivesWayAndTheStaleIdentifierIsReplacedO
             EXPECT_FALSE(second.shouldActivateCurrentInstance());
             EXPECT_GE(second.fileDescriptor(), 0);
         }
-        EXPECT_EQ(contentOf(setup.lockFile), "123456789\n");
+        EXPECT_EQ(readText(setup.lockFile), "123456789\n");
         // Going away did not release the first instance's lock either.
         const QuillfortAgentSingleInstanceGuard third(setup.fileSystem, std::nullopt, 300);
         EXPECT_FALSE(third.shouldActivateCurrentInstance());
     }
     const QuillfortAgentSingleInstanceGuard later(setup.fileSystem, std::nullopt, 42);
     EXPECT_TRUE(later.shouldActivateCurrentInstance());
-    EXPECT_EQ(contentOf(setup.lockFile), "42\n");
+    EXPECT_EQ(readText(setup.lockFile), "42\n");
 }
 
 TEST(SingleInstanceGuard, FailsOpenWhenTheLockDirectoryCannotBeMadeOrTheFileOpened) {
