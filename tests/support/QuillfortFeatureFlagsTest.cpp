@@ -5,79 +5,37 @@
 namespace quillfort {
 namespace {
 
-ProcessInfo withEnvironment(std::map<std::string, std::string> environment) {
-    ProcessInfo info;
-    info.environment = std::move(environment);
-    return info;
-}
-
-struct SwitchCase {
-    std::string value;
-    bool enabled;
-};
-
-// The three on/off switches accept exactly "1" and nothing that merely looks like it.
-TEST(QuillfortFeatureFlags, SwitchesAreOnOnlyForExactlyOne) {
-    const SwitchCase cases[] = {{"1", true},     {"1 ", false}, {" 1", false}, {"01", false},
-                                {"TRUE", false}, {"true", false}, {"yes", false}, {"", false}};
-    for (const auto& c : cases) {
-        SCOPED_TRACE("value '" + c.value + "'");
-        const auto flags = QuillfortFeatureFlags::resolve(withEnvironment({
-            {"QUILLFORT_AUTOMATION_BRIDGE", c.value},
-            {"QUILLFORT_VERBOSE_LOGGING", c.value},
-            {"QUILLFORT_STUB_EXTENSIONS", c.value},
-        }));
-        EXPECT_EQ(flags.automationBridgeEnabled, c.enabled);
-        EXPECT_EQ(flags.verboseLoggingEnabled, c.enabled);
-        EXPECT_EQ(flags.stubExtensionsEnabled, c.enabled);
-    }
-}
-
-TEST(QuillfortFeatureFlags, ShadowDropIsOffOnlyForTrimmedFoldedNegatives) {
-    const SwitchCase cases[] = {
-        {" No\n", false}, {"0", false},       {"FALSE", false}, {"\tfalse  ", false},
-        {"no\xC2\xA0", false},  // trailing no-break space
-        {"off", true},    {"", true},         {"   ", true},     {"1", true},
-        {"nope", true},   {"n o", true},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE("value '" + c.value + "'");
-        const auto flags =
-            QuillfortFeatureFlags::resolve(withEnvironment({{"QUILLFORT_SHADOW_PROMPT_DROP", c.value}}));
-        EXPECT_EQ(flags.shadowPromptDropEnabled, c.enabled);
-    }
-}
-
-TEST(QuillfortFeatureFlags, AutomationResponseIsTrimmedAndBlankMeansAbsent) {
+// One variable per row, compared with the whole result: a variable read for
+// another's field, or a field left at its default, shows as well.
+TEST(QuillfortFeatureFlags, EachVariableSetsOnlyItsOwnField) {
     struct Case {
-        std::string value;
-        std::optional<std::string> expected;
+        std::string variable, value;
+        QuillfortFeatureFlags expected;
     };
+    // Expected: bridge, canned answer, shadow drop, verbose logging, stub extensions.
     const Case cases[] = {
-        {"  allow-once  ", "allow-once"},
-        {"\nblock-permanent\r\n", "block-permanent"},
-        {"not a preset", "not a preset"},  // not checked against the presets here
-        {"   ", std::nullopt},
-        {"", std::nullopt},
+        // The on/off switches take exactly "1" and nothing that merely looks like it.
+        {"QUILLFORT_AUTOMATION_BRIDGE", "1", {true, {}, true, false, false}},
+        {"QUILLFORT_AUTOMATION_BRIDGE", " 1", {false, {}, true, false, false}},
+        {"QUILLFORT_VERBOSE_LOGGING", "1", {false, {}, true, true, false}},
+        {"QUILLFORT_VERBOSE_LOGGING", "true", {false, {}, true, false, false}},
+        {"QUILLFORT_STUB_EXTENSIONS", "1", {false, {}, true, false, true}},
+        {"QUILLFORT_STUB_EXTENSIONS", "01", {false, {}, true, false, false}},
+        // Shadow drop is off only for "0", "false" and "no", trimmed and in any case.
+        {"QUILLFORT_SHADOW_PROMPT_DROP", "0", {false, {}, false, false, false}},
+        {"QUILLFORT_SHADOW_PROMPT_DROP", "\tFALSE  ", {false, {}, false, false, false}},
+        {"QUILLFORT_SHADOW_PROMPT_DROP", "no\xC2\xA0", {false, {}, false, false, false}},
+        {"QUILLFORT_SHADOW_PROMPT_DROP", "off", {false, {}, true, false, false}},
+        {"QUILLFORT_SHADOW_PROMPT_DROP", "nope", {false, {}, true, false, false}},
+        // The canned answer is kept trimmed (presets are checked later) and is absent when blank.
+        {"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "\n not a preset\r\n", {false, "not a preset", true, false, false}},
+        {"QUILLFORT_AGENT_AUTOMATION_RESPONSE", "   ", {false, {}, true, false, false}},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE("value '" + c.value + "'");
-        const auto flags = QuillfortFeatureFlags::resolve(
-            withEnvironment({{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", c.value}}));
-        EXPECT_EQ(flags.automationPromptResponseRawValue, c.expected);
-        EXPECT_FALSE(flags.automationBridgeEnabled);  // independent of the bridge switch
+        ProcessInfo info;
+        info.environment = {{c.variable, c.value}};
+        EXPECT_EQ(QuillfortFeatureFlags::resolve(info), c.expected) << c.variable << "='" << c.value << "'";
     }
-}
-
-// Verbose logging on tells its key from the stub switch's; every other value is
-// the default of an unset variable.
-TEST(QuillfortFeatureFlags, UnsetVariablesGiveDefaultsAndAbsentResponseIsLeftOut) {
-    auto flags = QuillfortFeatureFlags::resolve(withEnvironment({{"QUILLFORT_VERBOSE_LOGGING", "1"}}));
-    EXPECT_EQ(encodeCompact(flags),
-              R"({"automationBridgeEnabled":false,"shadowPromptDropEnabled":true,)"
-              R"("verboseLoggingEnabled":true,"stubExtensionsEnabled":false})");
-    flags.automationPromptResponseRawValue = "deny-session";
-    EXPECT_EQ(decodeJson<QuillfortFeatureFlags>(encodeCompact(flags)), flags);
 }
 
 }  // namespace
