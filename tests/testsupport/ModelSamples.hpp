@@ -14,27 +14,18 @@ namespace quillfort::testing {
 // 2026-03-01T12:00:00Z.
 [[nodiscard]] Date sampleDate();
 
-// 32 bytes (the size of a real audit token): seed, seed+1, ... modulo 256.
-[[nodiscard]] Bytes sampleAuditToken(std::uint8_t seed);
-
 // 00000000-0000-4000-8000-<n as 12 upper-case hex digits>.
 [[nodiscard]] Uuid sampleUuid(std::uint64_t n);
 
-// /usr/bin/curl (pid 4242, signingID "com.apple.curl", teamID "APPLE", uid 501,
-// tty /dev/ttys003, cwd /Users/dev/project, argv curl -s https://api.example.com/v1),
-// parent and responsible tokens set, launched at sampleDate() - 5s.
-[[nodiscard]] ProcessIdentity sampleProcessIdentity();
-
-// The curl identity as a running node tagged {terminal}, with one child token.
-[[nodiscard]] ProcessNode sampleProcessNode();
-
-// Three ancestors, nearest first: zsh {shell, terminal}, login {terminal},
-// Terminal.app (bundleID "com.apple.Terminal", signingID "com.apple.Terminal") {terminal}.
-[[nodiscard]] std::vector<ProcessNode> sampleAncestorChain();
-
 // Outbound TCP flow "flow-0001" to 93.184.216.34:443, hostText and
 // matchedHostname "api.example.com" (DNS confidence exact), port 443, default
-// network profile, seen at sampleDate(); matched node and ancestors as above.
+// network profile, seen at sampleDate(). The matched node is /usr/bin/curl
+// (pid 4242, signingID "com.apple.curl", teamID "APPLE", uid 501, tty
+// /dev/ttys003, cwd /Users/dev/project, argv curl -s https://api.example.com/v1,
+// launched at sampleDate() - 5s), running, tagged {terminal}. Three ancestors,
+// nearest first: zsh {shell, terminal}, login {terminal}, Terminal.app
+// (bundleID and signingID "com.apple.Terminal") {terminal}. Audit tokens are
+// 32 bytes: seed, seed+1, ... modulo 256.
 [[nodiscard]] FlowContext sampleFlowContext();
 
 // Persistent, enabled, prompt-made allow rule "Allow curl to api.example.com"
