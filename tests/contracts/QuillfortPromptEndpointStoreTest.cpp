@@ -28,6 +28,16 @@ const std::string kGroupContainers = "Library/Group Containers/";
 const std::string kPrefixed = kGroupContainers + "group.com.vessimo.Quillfort.shared";
 const std::string kUnprefixed = kGroupContainers + "com.vessimo.Quillfort.shared";
 
+using Kind = QuillfortPromptBridgeTransportKind;
+const std::string kDefaultService(QuillfortPromptEndpointStore::defaultMachServiceName);
+
+QuillfortPromptListenerRecord record(Kind transport, std::optional<std::string> service,
+                                     std::optional<std::string> requests = {},
+                                     std::optional<std::string> responses = {},
+                                     std::optional<std::string> session = {}) {
+    return {transport, std::move(service), std::move(requests), std::move(responses), std::move(session)};
+}
+
 unsigned permissionsOf(const fs::path& path) {
     struct stat info{};
     if (::stat(path.c_str(), &info) != 0) return 0;
@@ -145,9 +155,8 @@ const std::string kUsable =
 // A usable manifest anywhere wins; otherwise the first problem met is reported.
 TEST_F(PromptEndpointManifest, LoadTakesFirstUsableCandidate) {
     using Record = QuillfortPromptListenerRecord;
-    const Record fileRecord{QuillfortPromptBridgeTransportKind::fileRequestResponse, {}, "/q/Requests",
-                            "/q/Responses", "S"};
-    const Record serviceRecord{QuillfortPromptBridgeTransportKind::machServiceXPC, "agent.service", {}, {}, {}};
+    const Record fileRecord = record(Kind::fileRequestResponse, {}, "/q/Requests", "/q/Responses", "S");
+    const Record serviceRecord = record(Kind::machServiceXPC, "agent.service");
     const std::string unreadable = "Failed to read the Quillfort prompt listener manifest at " + first().native() + ": ";
     struct Case {
         std::optional<std::string> first, second;
@@ -182,9 +191,8 @@ TEST_F(PromptEndpointManifest, LoadTakesFirstUsableCandidate) {
 }
 
 TEST_F(PromptEndpointManifest, SavePublishesCompactAccessibleManifestAtFirstCandidate) {
-    const QuillfortPromptListenerRecord record{QuillfortPromptBridgeTransportKind::fileRequestResponse, {},
-                                               "/q/Requests", "/q/Responses", "S"};
-    ASSERT_TRUE(store::save(record, fileSystem, std::nullopt));
+    ASSERT_TRUE(store::save(record(Kind::fileRequestResponse, {}, "/q/Requests", "/q/Responses", "S"), fileSystem,
+                            std::nullopt));
 
     EXPECT_EQ(readText(first()), kUsable);
     EXPECT_EQ(permissionsOf(first().parent_path()), 0777u);  // created with its parents
@@ -229,16 +237,6 @@ TEST(QuillfortSharedContainer, ContainerFollowsTheFirstKnownHome) {
     EXPECT_FALSE(container::promptAgentAutomationCommandURL(FakeFileSystem(), std::nullopt));
 }
 
-using Kind = QuillfortPromptBridgeTransportKind;
-const std::string kDefaultService(QuillfortPromptEndpointStore::defaultMachServiceName);
-
-QuillfortPromptListenerRecord record(Kind transport, std::optional<std::string> service,
-                                     std::optional<std::string> requests = {},
-                                     std::optional<std::string> responses = {},
-                                     std::optional<std::string> session = {}) {
-    return {transport, std::move(service), std::move(requests), std::move(responses), std::move(session)};
-}
-
 // Old agents wrote a bare service name or left keys out; what is not a record
 // at all is refused.
 TEST(QuillfortPromptListenerRecord, LenientReadForm) {
@@ -262,9 +260,8 @@ TEST(QuillfortPromptListenerRecord, LenientReadForm) {
 }
 
 TEST(QuillfortPromptListenerRecord, UsableNeedsNonBlankEssentials) {
+    // The manifest load test holds the usable records and a blank service name.
     const std::vector<std::pair<QuillfortPromptListenerRecord, bool>> cases{
-        {record(Kind::machServiceXPC, "svc"), true},
-        {record(Kind::machServiceXPC, "   "), false},
         {record(Kind::machServiceXPC, {}, "/r", "/s"), false},
         {record(Kind::fileRequestResponse, {}, "/r", "/s"), true},  // session not needed
         {record(Kind::fileRequestResponse, {}, "/r", " \n"), false},
