@@ -38,7 +38,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         }
     }
     const std::optional<PropertyListDictionary> configuration(std::move(dictionary));
-    (void)Configuration::decodedRuleSnapshot(configuration);
     (void)Configuration::decodedUnknownTrafficMode(configuration);
     (void)Configuration::decodedProcessGraphSnapshotJSON(configuration);
     (void)Configuration::decodedConsoleUserHomeDirectoryPath(configuration);

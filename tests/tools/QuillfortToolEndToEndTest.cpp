@@ -25,12 +25,6 @@ protected:
         if (HasFailure()) std::cerr << "--- agent standard error ---\n" << sandbox_.agentLog() << '\n';
     }
 
-    static FlowPromptResponse responseFrom(const AgentSandbox::ToolRun& run) {
-        auto response = decodeJson<FlowPromptResponse>(run.out);
-        if (!response) ADD_FAILURE() << "not a response: " << run.out << "\n" << run.err;
-        return response.value_or(FlowPromptResponse{});
-    }
-
     AgentSandbox sandbox_;
 };
 
@@ -47,7 +41,9 @@ TEST_F(QuillfortToolEndToEnd, PromptOverLoopbackBecomesARuleAndNoEndpointIsAClea
                                           "/usr/bin/wget", "--loopback", "127.0.0.1:" + std::to_string(sandbox_.port()),
                                           "--timeout", "30"});
     ASSERT_EQ(overLoopback.status, 0) << overLoopback.err;
-    EXPECT_EQ(responseFrom(overLoopback).scope, RuleScope::persistent);
+    EXPECT_EQ(decodeJson<FlowPromptResponse>(overLoopback.out).value_or(FlowPromptResponse{}).scope,
+              RuleScope::persistent)
+        << overLoopback.out;
     auto rules = sandbox_.runTool({"rules"});
     ASSERT_EQ(rules.status, 0) << rules.err;
     EXPECT_NE(rules.out.find("exec=/usr/bin/wget host=updates.example.org port=8443"), std::string::npos)
