@@ -107,8 +107,6 @@ TEST(LoginItem, SwitchesTheMechanismInForceAndOnlyTheUsersAutostartCopy) {
         auto userText = fileSystem.readFile(userPath);
         const auto after = !userText ? absent : LoginItem::autostartEntryStartsProgram(*userText) ? starts : hidden;
         EXPECT_EQ(after, c.userFileAfter);
-        // What status reads back is what the switch reported.
-        EXPECT_EQ(LoginItem::status(context), state);
     }
 }
 
