@@ -207,32 +207,41 @@ TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFailsBeforeSubmitReturns)
     EXPECT_EQ(delivered->error(), ClientError::missingEndpoint());
 }
 
-// An answer over the bridge is returned and its file removed; one that is not
-// a response fails without trying the loopback endpoint, and only a file that
-// cannot be read as an envelope is left for the agent to see.
-TEST_F(ClientBridgeTest, AnswersOverTheBridgeMapToResultsWithoutFallback) {
-    const std::tuple<std::string, QuillfortPromptAgentClientResult, bool> cases[] = {
+TEST_F(ClientBridgeTest, AnswerOverTheBridgeIsReturnedAndItsFileRemoved) {
+    auto agent = answerOnce(responseEnvelopeJson(sampleResponse()));
+    const auto result = client().submitSync(requestFor(7), generousTimeout);
+    agent.get();
+
+    EXPECT_EQ(result, QuillfortPromptAgentClientResult(sampleResponse()));
+    EXPECT_FALSE(std::filesystem::exists(responseFile()));
+    // The request file is the agent's to remove once it has answered.
+    EXPECT_EQ(decodeJson<QuillfortPromptBridgeRequestEnvelope>(fileSystem_->readFile(requestFile()).value())
+                  .value()
+                  .request,
+              requestFor(7));
+}
+
+// An answer that is not a response fails without trying the loopback endpoint;
+// only a file that cannot be read as an envelope is left for the agent to see.
+TEST_F(ClientBridgeTest, UnsuccessfulAnswersMapToTheirErrorsWithoutFallback) {
+    const std::tuple<std::string, ClientError, bool> cases[] = {
         {responseEnvelopeJson(sampleResponse(), "The user closed the prompt."),
-         std::unexpected(ClientError::remoteFailure("The user closed the prompt.")), false},
-        {responseEnvelopeJson(std::nullopt), std::unexpected(ClientError::missingResponse()), false},
-        {R"({"promptID":"nope"})", std::unexpected(ClientError::invalidResponseDecoding()), true},
-        {responseEnvelopeJson(sampleResponse()), sampleResponse(), false}};
+         ClientError::remoteFailure("The user closed the prompt."), false},
+        {responseEnvelopeJson(std::nullopt), ClientError::missingResponse(), false},
+        {R"({"promptID":"nope"})", ClientError::invalidResponseDecoding(), true}};
     for (const auto& [answer, expected, responseFileRemains] : cases) {
         SCOPED_TRACE(answer);
         StandInLoopbackAgent loopback(StandInLoopbackAgent::frame(responseEnvelopeJson(sampleResponse())));
         auto agent = answerOnce(answer);
         auto result = client("127.0.0.1", loopback.port()).submitSync(requestFor(7), generousTimeout);
         agent.get();
-        EXPECT_EQ(result, expected);
+        EXPECT_EQ(result.error(), expected);
         EXPECT_FALSE(loopback.lastRequest().has_value());
         EXPECT_EQ(std::filesystem::exists(responseFile()), responseFileRemains);
+        // Played out as the agent would, so the next row's agent waits for the next request.
+        (void)fileSystem_->removeItem(requestFile());
         (void)fileSystem_->removeItem(responseFile());
     }
-    // The request file is the agent's to remove once it has answered.
-    EXPECT_EQ(decodeJson<QuillfortPromptBridgeRequestEnvelope>(fileSystem_->readFile(requestFile()).value())
-                  .value()
-                  .request,
-              requestFor(7));
 }
 
 // A bridge the client cannot use fails with its own text; a loopback endpoint
@@ -250,6 +259,7 @@ TEST_F(ClientBridgeTest, UnusableBridgeFailsWithItsTextOrFallsBackToLoopback) {
     };
     for (const auto& [breakBridge, text] : cases) {
         SCOPED_TRACE(text);
+        fileSystem_->clearFailures();  // each row breaks the bridge its own way
         breakBridge();
         EXPECT_EQ(client().submitSync(requestFor(7), generousTimeout).error(),
                   ClientError::transportFailure(std::string(text)));
