@@ -101,6 +101,15 @@ TEST(RuleBuilder, ConditionsAndNameFollowTheSelection) {
          [](auto& r) { r.context.ancestorChain = {sampleProcess("/a", {}, {}, ""), sampleProcess("/b", {}, {}, "b")}; },
          kAsDefault, "Allow curl -> api.example.com:443", {process[0], process[1], process[3]},
          {exactHost, port443, tcp}},
+        // Without tags of its own the process takes its ancestors': the first by raw value.
+        {RuleAction::allow,
+         [](auto& r) {
+             r.context.matchedProcessNode->tags.clear();
+             r.context.ancestorChain = {sampleProcess("/b", {}, {ProcessTag::warp, ProcessTag::node}),
+                                        sampleProcess("/c", {}, {ProcessTag::git})};
+         },
+         kAsDefault, "Allow curl -> api.example.com:443", {process[0], process[1], S::processTag(ProcessTag::node)},
+         {exactHost, port443, tcp}},
         {RuleAction::allow, [](auto& r) { r.context.matchedProcessNode.reset(); },
          [](auto& s) { s.includeExactProcess = s.includeSigner = true; }, "Allow process -> api.example.com:443",
          {process[2], process[3]}, {exactHost, port443, tcp}},
@@ -149,20 +158,6 @@ TEST(RuleBuilder, RegistrableSuffixAndPatternNormalisation) {
         {"*.", ""},
     };
     for (const auto& [pattern, expected] : patterns) EXPECT_EQ(normalizedSuffixPattern(pattern), expected) << pattern;
-}
-
-// The process's own tags win over its ancestors'; among several the first by
-// raw value is taken.
-TEST(RuleBuilder, PreferredTagTheProcessWinsOverAncestors) {
-    using enum ProcessTag;
-    auto request = sampleRequest();
-    EXPECT_EQ(preferredProcessTag(request.context), shell);  // from {terminal, shell}
-    request.context.matchedProcessNode->tags.clear();
-    request.context.ancestorChain = {sampleProcess("/a"), sampleProcess("/b", {}, {warp, node}),
-                                     sampleProcess("/c", {}, {git})};
-    EXPECT_EQ(preferredProcessTag(request.context), node);
-    request.context.ancestorChain = {sampleProcess("/a")};
-    EXPECT_EQ(preferredProcessTag(request.context), std::nullopt);
 }
 
 }  // namespace

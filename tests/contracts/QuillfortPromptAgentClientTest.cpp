@@ -62,17 +62,10 @@ bool eventually(Predicate predicate, std::chrono::seconds limit = 10s) {
 }
 
 // A loopback listener on an ephemeral 127.0.0.1 port that reads one request
-// frame per connection and answers with the bytes the test chose, or, when the
-// test's answer is nothing, holds the connection open like an agent waiting
-// for its user.
+// frame per connection and answers with the bytes the test chose.
 class StandInLoopbackAgent {
 public:
-    using Answer = std::function<std::optional<std::string>(const std::optional<QuillfortPromptBridgeRequestEnvelope>&)>;
-
-    explicit StandInLoopbackAgent(std::string replyBytes)
-        : StandInLoopbackAgent(Answer([reply = std::move(replyBytes)](const auto&) { return reply; })) {}
-
-    explicit StandInLoopbackAgent(Answer answer) : answer_(std::move(answer)) {
+    explicit StandInLoopbackAgent(std::string replyBytes) : reply_(std::move(replyBytes)) {
         listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in address{};
         address.sin_family = AF_INET;
@@ -88,14 +81,12 @@ public:
     ~StandInLoopbackAgent() {
         stop_ = true;
         thread_.join();
-        for (const int held : held_) ::close(held);
         ::close(listener_);
     }
 
     static std::string frame(std::string_view payload) { return *encodeFrame(payload); }
 
     [[nodiscard]] std::uint16_t port() const { return port_; }
-    [[nodiscard]] int heldOpen() const { return heldCount_; }
     [[nodiscard]] std::optional<QuillfortPromptBridgeRequestEnvelope> lastRequest() const {
         std::lock_guard guard(mutex_);
         return lastRequest_;
@@ -113,28 +104,20 @@ private:
                 if (received < 0) return std::unexpected(errno);
                 return static_cast<std::size_t>(received);
             });
-            std::optional<QuillfortPromptBridgeRequestEnvelope> request;
             if (payload) {
-                if (auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*payload)) request = *envelope;
+                auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*payload);
                 std::lock_guard guard(mutex_);
-                lastRequest_ = request;
+                lastRequest_ = envelope ? std::optional(*envelope) : std::nullopt;
             }
-            if (auto reply = answer_(request)) {
-                (void)::send(client, reply->data(), reply->size(), MSG_NOSIGNAL);  // small: fits the socket buffer
-                ::close(client);
-            } else {
-                held_.push_back(client);
-                ++heldCount_;
-            }
+            (void)::send(client, reply_.data(), reply_.size(), MSG_NOSIGNAL);  // small: fits the socket buffer
+            ::close(client);
         }
     }
 
-    Answer answer_;
+    std::string reply_;
     int listener_ = -1;
     std::uint16_t port_ = 0;
     std::atomic<bool> stop_{false};
-    std::atomic<int> heldCount_{0};
-    std::vector<int> held_;  // serving thread only
     mutable std::mutex mutex_;
     std::optional<QuillfortPromptBridgeRequestEnvelope> lastRequest_;
     std::thread thread_;
@@ -174,8 +157,6 @@ protected:
         });
     }
 
-    void expectAutomatedAnswerPassesSixtyFourWaiting(bool overLoopback);
-
     TemporaryDirectory home_;
     std::shared_ptr<FakeFileSystem> fileSystem_;
     std::filesystem::path session_;
@@ -183,7 +164,7 @@ protected:
 
 // Without a manifest the loopback endpoint needs both a host and a port, and
 // the host must be a dotted IPv4 address.
-TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFailsBeforeSubmitReturns) {
+TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFails) {
     TemporaryDirectory home;
     auto fileSystem = std::make_shared<FakeFileSystem>(home.path());
     const std::tuple<std::optional<std::string>, std::optional<std::uint16_t>, ClientError> cases[] = {
@@ -199,12 +180,6 @@ TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFailsBeforeSubmitReturns)
                       .error(),
                   expected);
     }
-    // With nothing to wait for, the failure comes before submit returns.
-    const QuillfortPromptAgentClient client(fileSystem, home.path(), std::nullopt, std::nullopt);
-    std::optional<QuillfortPromptAgentClientResult> delivered;
-    client.submit(requestFor(7), [&](QuillfortPromptAgentClientResult result) { delivered = std::move(result); });
-    ASSERT_TRUE(delivered.has_value());
-    EXPECT_EQ(delivered->error(), ClientError::missingEndpoint());
 }
 
 TEST_F(ClientBridgeTest, AnswerOverTheBridgeIsReturnedAndItsFileRemoved) {
@@ -348,40 +323,16 @@ TEST_F(ClientBridgeTest, APromptWhoseCallerGaveUpIsNeverWritten) {
 
 // Sixty-four prompts wait for a user who does not come; an automated answer
 // for another flow must not queue behind them, and when the client goes away
-// every waiting submission still hears how it ended.
+// every waiting submission still hears how it ended and its request is withdrawn.
 TEST_F(ClientBridgeTest, AutomatedPromptCompletesWhileSixtyFourWait) {
-    for (const bool overLoopback : {true, false}) {
-        SCOPED_TRACE(overLoopback ? "loopback" : "file bridge");
-        expectAutomatedAnswerPassesSixtyFourWaiting(overLoopback);
-    }
-}
-
-void ClientBridgeTest::expectAutomatedAnswerPassesSixtyFourWaiting(bool overLoopback) {
-    const auto automatedEnvelope = responseEnvelopeJson(sampleResponse());
-    std::optional<StandInLoopbackAgent> loopback;
-    TemporaryDirectory homeWithoutManifest;
-    std::optional<QuillfortPromptAgentClient> waitingClient;
-    if (overLoopback) {
-        loopback.emplace(StandInLoopbackAgent::Answer(
-            [&](const std::optional<QuillfortPromptBridgeRequestEnvelope>& envelope) -> std::optional<std::string> {
-                if (!envelope) return std::string();
-                if (envelope->request.id != testing::sampleUuid(7)) return std::nullopt;
-                return StandInLoopbackAgent::frame(automatedEnvelope);
-            }));
-        waitingClient.emplace(std::make_shared<FakeFileSystem>(homeWithoutManifest.path()),
-                              homeWithoutManifest.path(), "127.0.0.1", loopback->port());
-    } else {
-        waitingClient.emplace(client());
-    }
-    const auto heldOpen = [&] {
-        if (loopback) return loopback->heldOpen();
+    std::optional<QuillfortPromptAgentClient> waitingClient(client());
+    const auto requestsWritten = [&] {
         std::error_code error;
         int requests = 0;
         for (const auto& entry : std::filesystem::directory_iterator(session_ / "Requests", error))
             requests += entry.path().extension() == ".json";
         return requests;
     };
-
     std::mutex lock;
     std::vector<QuillfortPromptAgentClientResult> waitingResults;
     for (std::uint64_t id = 100; id < 164; ++id) {
@@ -390,14 +341,12 @@ void ClientBridgeTest::expectAutomatedAnswerPassesSixtyFourWaiting(bool overLoop
             waitingResults.push_back(std::move(result));
         });
     }
-    ASSERT_TRUE(eventually([&] { return heldOpen() == 64; })) << heldOpen() << " prompts reached the agent";
+    ASSERT_TRUE(eventually([&] { return requestsWritten() == 64; })) << requestsWritten() << " prompts reached the agent";
 
-    auto bridgeAnswer = loopback ? std::future<void>() : answerOnce(automatedEnvelope);
+    auto agent = answerOnce(responseEnvelopeJson(sampleResponse()));
     const auto answered = waitingClient->submitSync(requestFor(7, "auto.example.com"), generousTimeout);
-    if (bridgeAnswer.valid()) bridgeAnswer.get();
-
-    ASSERT_TRUE(answered.has_value()) << answered.error();
-    EXPECT_EQ(*answered, sampleResponse());
+    agent.get();
+    EXPECT_EQ(answered, QuillfortPromptAgentClientResult(sampleResponse()));
     {
         std::lock_guard guard(lock);
         EXPECT_TRUE(waitingResults.empty()) << "the automated answer came after a waiting one ended";
@@ -407,8 +356,7 @@ void ClientBridgeTest::expectAutomatedAnswerPassesSixtyFourWaiting(bool overLoop
     ASSERT_EQ(waitingResults.size(), 64U);
     for (const auto& result : waitingResults)
         EXPECT_EQ(result.error(), ClientError::transportFailure(std::string(Messages::clientStopped)));
-    // Nobody reads their answers any more, so their requests are withdrawn.
-    for (std::uint64_t id = 100; !loopback && id < 164; ++id)
+    for (std::uint64_t id = 100; id < 164; ++id)
         EXPECT_FALSE(std::filesystem::exists(requestFile(id))) << id;
 }
 
