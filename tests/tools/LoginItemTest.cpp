@@ -1,10 +1,5 @@
 #include "tools/LoginItem.hpp"
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <fstream>
 
 #include <gtest/gtest.h>
@@ -121,33 +116,6 @@ TEST(LoginItem, DescriptionNamesTheMechanismInForce) {
     EXPECT_EQ(LoginItem::describe(state),
               "The Quillfort agent does not start at login: the systemd user unit quillfort-agent.service is "
               "disabled; the autostart entry /h/.config/autostart/quillfort-agent.desktop is switched off.\n");
-}
-
-// The real runner against a stand-in systemctl first on PATH: what it prints is
-// the state, and a refusal is reported with its status.
-TEST(LoginItem, SystemctlRunnerReadsTheStateAndReportsRefusals) {
-    testing::TemporaryDirectory dir;
-    const auto fake = dir.path() / "systemctl";
-    std::ofstream(fake) << "#!/bin/sh\ncase \"$2\" in is-enabled) echo enabled ;; disable) exit 3 ;; esac\n";
-    std::filesystem::permissions(fake, std::filesystem::perms::owner_all);
-    // The user manager counts as running once its private socket exists.
-    std::filesystem::create_directories(dir.path() / "systemd");
-    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-    const auto socketPath = (dir.path() / "systemd" / "private").string();
-    socketPath.copy(address.sun_path, sizeof address.sun_path - 1);
-    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
-    const std::string path = std::getenv("PATH") ? std::getenv("PATH") : "";
-    ::setenv("PATH", (dir.path().string() + ":" + path).c_str(), 1);
-
-    auto manager = LoginItem::systemctlUserServiceManager({{"XDG_RUNTIME_DIR", dir.path().string()}});
-    EXPECT_EQ(manager->unitFileState("quillfort-agent.service"), "enabled");
-    EXPECT_TRUE(manager->setUnitEnabled("quillfort-agent.service", true));
-    const auto refused = manager->setUnitEnabled("quillfort-agent.service", false);
-    ASSERT_FALSE(refused);
-    EXPECT_EQ(refused.error(), "systemctl --user disable quillfort-agent.service failed with status 3");
-    ::setenv("PATH", path.c_str(), 1);
-    ::close(listener);
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <QComboBox>
 #include <QLabel>
 
-#include "QuillfortAgent/ui/QFComponents.hpp"
 #include "tests/QuillfortAgent/ui/UiHarness.hpp"
 
 namespace quillfort::ui {
@@ -15,7 +14,6 @@ TEST(AgentPromptWindowPresenter, ShowsTheWindowForAQueueAndHidesItWhenDrained) {
     UiHarness ui;
     auto* window = ui.presenter->window();
     EXPECT_FALSE(window->isVisible());
-    EXPECT_FALSE(ui.coordinator->promptWindowVisible().value());
 
     ui.receive("api.example.com", 1);
     ASSERT_TRUE(window->isVisible());
@@ -39,48 +37,28 @@ TEST(AgentPromptWindowPresenter, ShowsTheWindowForAQueueAndHidesItWhenDrained) {
     EXPECT_EQ(ui.replies[1].second.scope, RuleScope::temporary);
 }
 
-// The picture shows both choices disabled for the one-time answer it opens with.
-TEST(TrafficPromptView, SignerChangedChoiceOpensForALastingAnswer) {
+// A lasting answer's choices (a one-time answer has none: the picture shows
+// them disabled) reach the session the answer is made from, and its preview.
+TEST(TrafficPromptView, HostAndSignerChoicesReachTheSessionAndThePreview) {
     UiHarness ui;
     Rule existing = quillfort::testing::sampleRule();
     existing.subject = {RuleSubject::exactExecutable("/usr/bin/curl"), RuleSubject::signingID("old.curl")};
     ui.rules->rules = {existing};
     ui.receive("api.example.com", 1);
-    auto* reuse = ui.find<QFSelectionChip>("ReuseExistingChip");
     ui.click(ui.find<QAbstractButton>("DurationChipSession"));
-    EXPECT_TRUE(reuse->isEnabled());
-    ui.click(reuse);
-    EXPECT_TRUE(ui.coordinator->activePrompts().value().front().reuseExistingSignerRule);
-    EXPECT_TRUE(reuse->isSelected());
-}
-
-TEST(TrafficPromptView, HostPickerWritesTheScopeIntoTheSessionAndThePreview) {
-    UiHarness ui;
-    ui.receive("api.example.com", 1);
     auto* host = ui.find<QComboBox>("HostPicker");
-    const int suffix = host->findText("*.example.com");
-    ASSERT_GE(suffix, 0);
-    host->activated(suffix);
+    host->activated(host->findText("*.example.com"));
     UiHarness::settle();
-    const auto& selection = ui.coordinator->activePrompts().value().front().ruleSelection;
-    EXPECT_EQ(selection.hostMatchMode, FlowPromptHostMatchMode::suffix);
-    EXPECT_EQ(selection.hostPatternOverride, ".example.com");
-    ui.click(ui.find<QAbstractButton>("DurationChipSession"));
     EXPECT_TRUE(ui.find<QLabel>("RulePreviewText")->text().contains("domain=.example.com"));
+    ui.click(ui.find<QAbstractButton>("ReuseExistingChip"));
+    const auto& session = ui.coordinator->activePrompts().value().front();
+    EXPECT_EQ(session.ruleSelection.hostMatchMode, FlowPromptHostMatchMode::suffix);
+    EXPECT_EQ(session.ruleSelection.hostPatternOverride, ".example.com");
+    EXPECT_TRUE(session.reuseExistingSignerRule);
 }
 
-TEST(TrafficPromptView, DigitKeysPickTheDurationInTheirOrder) {
-    UiHarness ui;
-    ui.receive("api.example.com", 1);
-    using P = AgentPromptDecisionPreset;
-    for (const auto& [key, preset] : {std::pair{Qt::Key_3, P::allowPermanent}, std::pair{Qt::Key_1, P::allowOnce},
-                                      std::pair{Qt::Key_2, P::allowSession}}) {
-        QTest::keyClick(ui.presenter->window(), key);
-        UiHarness::settle();
-        EXPECT_EQ(ui.coordinator->activePrompts().value().front().selectedPreset, preset) << key;
-    }
-}
-
+// Keys wait out the input guard like clicks; then the digits pick the
+// duration in their order.
 TEST(TrafficPromptView, InputInsideTheGuardTimeDoesNothing) {
     UiHarness ui;
     auto& view = ui.presenter->rootView()->promptView();
@@ -88,10 +66,19 @@ TEST(TrafficPromptView, InputInsideTheGuardTimeDoesNothing) {
     ui.receive("api.example.com", 1);
     ui.click(ui.find<QAbstractButton>("AllowButton"));
     ui.click(ui.find<QAbstractButton>("CancelButton"));
-    QTest::keyClick(ui.presenter->window(), Qt::Key_Escape);
+    for (const auto key : {Qt::Key_Escape, Qt::Key_3}) QTest::keyClick(ui.presenter->window(), key);
     UiHarness::settle();
     EXPECT_TRUE(ui.replies.empty());
+    EXPECT_EQ(ui.coordinator->activePrompts().value().front().selectedPreset, AgentPromptDecisionPreset::allowOnce);
+
     view.setInputGuardInterval(std::chrono::milliseconds(0));
+    using P = AgentPromptDecisionPreset;
+    for (const auto& [key, preset] : {std::pair{Qt::Key_3, P::allowPermanent}, std::pair{Qt::Key_1, P::allowOnce},
+                                      std::pair{Qt::Key_2, P::allowSession}}) {
+        QTest::keyClick(ui.presenter->window(), key);
+        UiHarness::settle();
+        EXPECT_EQ(ui.coordinator->activePrompts().value().front().selectedPreset, preset) << key;
+    }
     ui.click(ui.find<QAbstractButton>("AllowButton"));
     EXPECT_EQ(ui.replies.size(), 1u);
 }
