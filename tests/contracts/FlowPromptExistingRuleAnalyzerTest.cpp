@@ -72,12 +72,8 @@ TEST(ExistingRuleAnalyzer, ReportsOnlyARuleMatchingInAllButItsSigner) {
         SCOPED_TRACE(c.what);
         Rule rule = oldCurlRule();
         c.edit(rule);
-        const auto candidate = signerChangeCandidate(request, {rule});
-        if (c.candidate) {
-            EXPECT_EQ(candidate, (FlowPromptSignerChangeCandidate{rule.id, rule.name, "com.apple.curl.old"}));
-        } else {
-            EXPECT_EQ(candidate, std::nullopt);
-        }
+        const FlowPromptSignerChangeCandidate found{rule.id, rule.name, "com.apple.curl.old"};
+        EXPECT_EQ(signerChangeCandidate(request, {rule}), c.candidate ? std::optional(found) : std::nullopt);
     }
 }
 

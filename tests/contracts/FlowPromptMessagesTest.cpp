@@ -83,8 +83,7 @@ TEST(FlowFilterEvent, RoundTripsWithSnakeCaseSourceAndAbsentOptionalsLeftOut) {
     observed.id = kPromptID;
     observed.recordedAt = Date{std::chrono::seconds{1772366400}};
     observed.summary = "curl -> api.example.com:443";
-    const json::value bare = toJson(observed);
-    EXPECT_EQ(bare.as_object().size(), 6u);  // id, recordedAt, mode, kind, summary, context
+    EXPECT_EQ(toJson(observed).as_object().size(), 6u);  // id, recordedAt, mode, kind, summary, context
 
     FlowFilterEvent decided = observed;
     decided.mode = FlowFilterMode::enforce;

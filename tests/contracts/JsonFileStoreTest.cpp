@@ -43,9 +43,7 @@ TEST_F(JsonFileStores, WithoutLocationEverythingIsANoOp) {
 
 TEST_F(JsonFileStores, MissingFileIsNothingButOtherReadProblemsFail) {
     RuleSnapshotStore store(fileSystem, file());
-    auto missing = store.load(kNoon);
-    ASSERT_TRUE(missing);
-    EXPECT_EQ(*missing, (RuleSnapshotEnvelope{kNoon, {}}));
+    EXPECT_EQ(store.load(kNoon), (RuleSnapshotEnvelope{kNoon, {}}));
 
     writeText(file(), "{}");
     fileSystem.failNext(FakeFileSystem::Operation::readFile, EACCES);
@@ -74,9 +72,7 @@ TEST_F(JsonFileStores, SaveCreatesParentsAndChangesNoPermissions) {
     ASSERT_TRUE(store.replaceRules({rule}, kNoon));
     for (const auto& call : fileSystem.calls())
         EXPECT_NE(call.operation, FakeFileSystem::Operation::setPosixPermissions);
-    auto loaded = store.load(parseIso8601("2030-01-01T00:00:00Z").value());
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(*loaded, (RuleSnapshotEnvelope{kNoon, {rule}}));
+    EXPECT_EQ(store.load(parseIso8601("2030-01-01T00:00:00Z").value()), (RuleSnapshotEnvelope{kNoon, {rule}}));
 
     fileSystem.failNext(FakeFileSystem::Operation::writeFileAtomically, ENOSPC);
     auto failed = store.replaceRules({}, kNoon);
@@ -101,10 +97,9 @@ TEST_F(JsonFileStores, CommandWithUnknownPresetFailsToLoad) {
     const std::string prefix =
         R"({"promptID":"6F1C2B9E-3D4A-4B5C-8D6E-7F8091A2B3C4","createdAt":"2026-03-01T12:00:00Z","preset":")";
     writeText(file(), prefix + "block-session\"}");
-    auto known = store.loadIfPresent();
-    ASSERT_TRUE(known && *known);
-    EXPECT_EQ(**known, (PromptAgentAutomationCommand{Uuid::parse("6F1C2B9E-3D4A-4B5C-8D6E-7F8091A2B3C4").value(),
-                                                     FlowPromptAutomationPreset::blockSession, kNoon}));
+    EXPECT_EQ(store.loadIfPresent(),
+              (PromptAgentAutomationCommand{Uuid::parse("6F1C2B9E-3D4A-4B5C-8D6E-7F8091A2B3C4").value(),
+                                            FlowPromptAutomationPreset::blockSession, kNoon}));
     writeText(file(), prefix + "blockSession\"}");
     auto unknown = store.loadIfPresent();
     ASSERT_FALSE(unknown);
@@ -164,9 +159,7 @@ TEST_F(JsonFileStores, StatusIsWrittenSortedAndIndentedAndReadBack) {
     status.queuedPrompts = {{id, "example.com", 443, "curl", "allow session curl"},
                             {Uuid{}, "", std::nullopt, "Unknown Process", "Temporary drop decision"}};
     ASSERT_TRUE(store.save(status));
-    auto loaded = store.loadIfPresent();
-    ASSERT_TRUE(loaded && *loaded);
-    EXPECT_EQ(**loaded, status);
+    EXPECT_EQ(store.loadIfPresent(), status);
 }
 
 }  // namespace

@@ -20,6 +20,7 @@
 #include "contracts/PromptFrame.hpp"
 #include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
 #include "contracts/QuillfortPromptEndpointStore.hpp"
+#include "tests/testsupport/AgentSandbox.hpp"
 #include "tests/testsupport/FakeFileSystem.hpp"
 #include "tests/testsupport/ModelSamples.hpp"
 #include "tests/testsupport/TemporaryDirectory.hpp"
@@ -27,19 +28,14 @@
 namespace quillfort {
 namespace {
 
+using testing::eventually;
+using testing::sampleRequest;
 using testing::FakeFileSystem;
 using testing::TemporaryDirectory;
 using ClientError = QuillfortPromptAgentClientError;
 namespace Messages = QuillfortPromptAgentClientMessages;
-using namespace std::chrono_literals;
 
 constexpr double generousTimeout = 20.0;
-
-FlowPromptRequest requestFor(std::uint64_t id, std::string host = "api.example.com") {
-    FlowPromptRequest request{testing::sampleUuid(id), testing::sampleFlowContext(), std::nullopt};
-    request.context.matchedHostname = std::move(host);
-    return request;
-}
 
 FlowPromptResponse sampleResponse() {
     return {testing::sampleUuid(7), RuleAction::allow, RuleScope::persistent, true, std::nullopt, testing::sampleRule()};
@@ -49,16 +45,6 @@ std::string responseEnvelopeJson(std::optional<FlowPromptResponse> response,
                                  std::optional<std::string> errorMessage = std::nullopt) {
     return encodeCompact(QuillfortPromptBridgeResponseEnvelope{testing::sampleUuid(7), std::move(response),
                                                                std::move(errorMessage), testing::sampleDate()});
-}
-
-template <class Predicate>
-bool eventually(Predicate predicate, std::chrono::seconds limit = 10s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (predicate()) return true;
-        std::this_thread::sleep_for(20ms);
-    }
-    return predicate();
 }
 
 // A loopback listener on an ephemeral 127.0.0.1 port that reads one request
@@ -176,43 +162,34 @@ TEST(QuillfortPromptAgentClient, WithoutAUsableEndpointFails) {
     for (const auto& [host, port, expected] : cases) {
         SCOPED_TRACE(host.value_or("no host"));
         EXPECT_EQ(QuillfortPromptAgentClient(fileSystem, home.path(), host, port)
-                      .submitSync(requestFor(7), generousTimeout)
+                      .submitSync(sampleRequest(7), generousTimeout)
                       .error(),
                   expected);
     }
 }
 
-TEST_F(ClientBridgeTest, AnswerOverTheBridgeIsReturnedAndItsFileRemoved) {
-    auto agent = answerOnce(responseEnvelopeJson(sampleResponse()));
-    const auto result = client().submitSync(requestFor(7), generousTimeout);
-    agent.get();
-
-    EXPECT_EQ(result, QuillfortPromptAgentClientResult(sampleResponse()));
-    EXPECT_FALSE(std::filesystem::exists(responseFile()));
-    // The request file is the agent's to remove once it has answered.
-    EXPECT_EQ(decodeJson<QuillfortPromptBridgeRequestEnvelope>(fileSystem_->readFile(requestFile()).value())
-                  .value()
-                  .request,
-              requestFor(7));
-}
-
-// An answer that is not a response fails without trying the loopback endpoint;
-// only a file that cannot be read as an envelope is left for the agent to see.
-TEST_F(ClientBridgeTest, UnsuccessfulAnswersMapToTheirErrorsWithoutFallback) {
-    const std::tuple<std::string, ClientError, bool> cases[] = {
+// Whatever the agent answers over the bridge is final, the loopback endpoint
+// is not tried; the request file is the agent's to remove, and only an answer
+// that cannot be read as an envelope is left for the agent to see.
+TEST_F(ClientBridgeTest, BridgeAnswersMapToTheirResultsWithoutFallback) {
+    using Result = QuillfortPromptAgentClientResult;
+    const std::tuple<std::string, Result, bool> cases[] = {
+        {responseEnvelopeJson(sampleResponse()), Result(sampleResponse()), false},
         {responseEnvelopeJson(sampleResponse(), "The user closed the prompt."),
-         ClientError::remoteFailure("The user closed the prompt."), false},
-        {responseEnvelopeJson(std::nullopt), ClientError::missingResponse(), false},
-        {R"({"promptID":"nope"})", ClientError::invalidResponseDecoding(), true}};
+         std::unexpected(ClientError::remoteFailure("The user closed the prompt.")), false},
+        {responseEnvelopeJson(std::nullopt), std::unexpected(ClientError::missingResponse()), false},
+        {R"({"promptID":"nope"})", std::unexpected(ClientError::invalidResponseDecoding()), true}};
     for (const auto& [answer, expected, responseFileRemains] : cases) {
         SCOPED_TRACE(answer);
         StandInLoopbackAgent loopback(StandInLoopbackAgent::frame(responseEnvelopeJson(sampleResponse())));
         auto agent = answerOnce(answer);
-        auto result = client("127.0.0.1", loopback.port()).submitSync(requestFor(7), generousTimeout);
+        auto result = client("127.0.0.1", loopback.port()).submitSync(sampleRequest(7), generousTimeout);
         agent.get();
-        EXPECT_EQ(result.error(), expected);
+        EXPECT_EQ(result, expected);
         EXPECT_FALSE(loopback.lastRequest().has_value());
         EXPECT_EQ(std::filesystem::exists(responseFile()), responseFileRemains);
+        const auto written = fileSystem_->readFile(requestFile());
+        EXPECT_EQ(decodeJson<QuillfortPromptBridgeRequestEnvelope>(written.value()).value().request, sampleRequest(7));
         // Played out as the agent would, so the next row's agent waits for the next request.
         (void)fileSystem_->removeItem(requestFile());
         (void)fileSystem_->removeItem(responseFile());
@@ -236,12 +213,12 @@ TEST_F(ClientBridgeTest, UnusableBridgeFailsWithItsTextOrFallsBackToLoopback) {
         SCOPED_TRACE(text);
         fileSystem_->clearFailures();  // each row breaks the bridge its own way
         breakBridge();
-        EXPECT_EQ(client().submitSync(requestFor(7), generousTimeout).error(),
+        EXPECT_EQ(client().submitSync(sampleRequest(7), generousTimeout).error(),
                   ClientError::transportFailure(std::string(text)));
         StandInLoopbackAgent loopback(StandInLoopbackAgent::frame(responseEnvelopeJson(sampleResponse())));
-        EXPECT_EQ(client("127.0.0.1", loopback.port()).submitSync(requestFor(7), generousTimeout),
+        EXPECT_EQ(client("127.0.0.1", loopback.port()).submitSync(sampleRequest(7), generousTimeout),
                   QuillfortPromptAgentClientResult(sampleResponse()));
-        EXPECT_EQ(loopback.lastRequest().value().request, requestFor(7));
+        EXPECT_EQ(loopback.lastRequest().value().request, sampleRequest(7));
     }
 }
 
@@ -253,7 +230,7 @@ TEST_F(ClientBridgeTest, StaleAnswerIsNeverTakenAndTimeOutRemovesBothFiles) {
     ASSERT_TRUE(fileSystem_->writeFileAtomically(responseFile(), responseEnvelopeJson(sampleResponse())));
     auto agent = answerOnce("");
 
-    auto result = client().submitSync(requestFor(7), 2.0);
+    auto result = client().submitSync(sampleRequest(7), 2.0);
     agent.get();
 
     EXPECT_EQ(result.error(), ClientError::transportFailure(std::string(Messages::timedOut)));
@@ -275,7 +252,7 @@ TEST(QuillfortPromptAgentClient, BadLoopbackRepliesAreTransportFailures) {
     for (const auto& [replyBytes, expected] : cases) {
         StandInLoopbackAgent loopback(replyBytes);
         QuillfortPromptAgentClient client(fileSystem, home.path(), "127.0.0.1", loopback.port());
-        EXPECT_EQ(client.submitSync(requestFor(7), generousTimeout).error(), expected) << replyBytes;
+        EXPECT_EQ(client.submitSync(sampleRequest(7), generousTimeout).error(), expected) << replyBytes;
     }
 }
 
@@ -299,25 +276,24 @@ TEST_F(ClientBridgeTest, APromptWhoseCallerGaveUpIsNeverWritten) {
     std::promise<void> holding;
     std::promise<void> release;
     auto answered = answerOnce(responseEnvelopeJson(sampleResponse()));
-    bridgeClient.submit(requestFor(7), [&holding, released = release.get_future().share()](auto) {
+    bridgeClient.submit(sampleRequest(7), [&holding, released = release.get_future().share()](auto) {
         holding.set_value();
         released.wait();
     });
     holding.get_future().wait();
     answered.get();
 
-    const auto late = bridgeClient.submitSync(requestFor(8), 0.2);
+    const auto late = bridgeClient.submitSync(sampleRequest(8), 0.2);
     release.set_value();
     // Submissions start in order, so once a third is answered the late one's turn has passed.
     auto third = answerOnce(responseEnvelopeJson(sampleResponse()), 9);
-    const auto thirdResult = bridgeClient.submitSync(requestFor(9), generousTimeout);
+    const auto thirdResult = bridgeClient.submitSync(sampleRequest(9), generousTimeout);
     third.get();
 
     EXPECT_EQ(late.error(), ClientError::transportFailure(std::string(Messages::timedOut)));
     ASSERT_TRUE(thirdResult.has_value()) << thirdResult.error();
-    const auto calls = fileSystem_->calls();
-    EXPECT_EQ(std::count(calls.begin(), calls.end(),
-                         FakeFileSystem::Call{FakeFileSystem::Operation::writeFileAtomically, requestFile(8), {}}),
+    EXPECT_EQ(std::ranges::count(fileSystem_->calls(),
+                                 FakeFileSystem::Call{FakeFileSystem::Operation::writeFileAtomically, requestFile(8), {}}),
               0);
 }
 
@@ -336,7 +312,7 @@ TEST_F(ClientBridgeTest, AutomatedPromptCompletesWhileSixtyFourWait) {
     std::mutex lock;
     std::vector<QuillfortPromptAgentClientResult> waitingResults;
     for (std::uint64_t id = 100; id < 164; ++id) {
-        waitingClient->submit(requestFor(id), [&](QuillfortPromptAgentClientResult result) {
+        waitingClient->submit(sampleRequest(id), [&](QuillfortPromptAgentClientResult result) {
             std::lock_guard guard(lock);
             waitingResults.push_back(std::move(result));
         });
@@ -344,7 +320,7 @@ TEST_F(ClientBridgeTest, AutomatedPromptCompletesWhileSixtyFourWait) {
     ASSERT_TRUE(eventually([&] { return requestsWritten() == 64; })) << requestsWritten() << " prompts reached the agent";
 
     auto agent = answerOnce(responseEnvelopeJson(sampleResponse()));
-    const auto answered = waitingClient->submitSync(requestFor(7, "auto.example.com"), generousTimeout);
+    const auto answered = waitingClient->submitSync(sampleRequest(7, "auto.example.com"), generousTimeout);
     agent.get();
     EXPECT_EQ(answered, QuillfortPromptAgentClientResult(sampleResponse()));
     {
