@@ -121,9 +121,6 @@ TEST(AgentStatusPublisher, ShowsHostPortAndProcessAsPeopleReadThem) {
                                                            .port = c.port,
                                                            .processDisplayTitle = c.processDisplayTitle,
                                                            .previewText = "Temporary allow decision"}));
-        const auto active = AgentStatusPublisher::makeActivePromptSnapshot(queued, 3);
-        EXPECT_EQ(active.queueCount, 3);
-        EXPECT_EQ(active.processDisplayTitle, queued.processDisplayTitle);
     }
 }
 

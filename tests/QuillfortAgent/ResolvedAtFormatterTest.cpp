@@ -7,12 +7,7 @@ namespace {
 
 std::tm afternoon() {
     std::tm time{};
-    time.tm_year = 126;
-    time.tm_mon = 2;
-    time.tm_mday = 1;
-    time.tm_hour = 15;
-    time.tm_min = 4;
-    time.tm_sec = 5;
+    EXPECT_TRUE(::strptime("2026-03-01 15:04:05", "%Y-%m-%d %H:%M:%S", &time));
     return time;
 }
 

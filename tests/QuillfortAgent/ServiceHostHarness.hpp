@@ -45,11 +45,6 @@ inline constexpr std::chrono::seconds waitDeadline{10};
 
 // The file bridge alone: most host tests need no listener.
 inline const Environment fileOnly{{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}};
-inline Environment fileOnlyWith(const std::string& name, const std::string& value) {
-    auto environment = fileOnly;
-    environment[name] = value;
-    return environment;
-}
 
 using HostSettings = QuillfortAgentPromptServiceHost::Dependencies;
 
@@ -101,13 +96,6 @@ public:
         return host;
     }
 
-    std::shared_ptr<QuillfortAgentPromptServiceHost> startHost(Environment environment = {},
-                                                               const std::function<void(HostSettings&)>& adjust = {}) {
-        makeHost(std::move(environment), adjust);
-        host->start();
-        return host;
-    }
-
     // Runs the main thread until `condition` holds; false when the deadline passed first.
     bool runUntil(const std::function<bool()>& condition) {
         const auto deadline = std::chrono::steady_clock::now() + waitDeadline;
@@ -155,11 +143,9 @@ public:
     }
 
     [[nodiscard]] std::optional<QuillfortPromptBridgeResponseEnvelope> response(const Uuid& promptID) const {
-        auto bytes = fileSystem->readFile(responsesDirectory() / bridgeFileName(promptID));
-        if (!bytes) return std::nullopt;
-        auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(*bytes);
-        if (!decoded) return std::nullopt;
-        return *decoded;
+        auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(
+            fileSystem->readFile(responsesDirectory() / bridgeFileName(promptID)).value_or(""));
+        return decoded ? std::optional(*decoded) : std::nullopt;
     }
 
     bool waitForResponse(const Uuid& promptID) {
@@ -182,10 +168,8 @@ public:
         return std::ranges::count_if(records, [&](const auto& record) { return record.message.contains(fragment); });
     }
 
-    [[nodiscard]] bool logged(const std::string& fragment) const { return logs.sink().containsMessagePart(fragment); }
-
     bool waitForLog(const std::string& fragment) {
-        return runUntil([&] { return logged(fragment); });
+        return runUntil([&] { return logs.sink().containsMessagePart(fragment); });
     }
 
     ScopedLogCapture logs;

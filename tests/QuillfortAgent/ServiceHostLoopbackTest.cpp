@@ -22,7 +22,7 @@ std::string requestFrame(std::uint64_t n) { return *encodeFrame(encodeCompact(sa
 // Starts a host with its loopback listener on a free port and waits until it listens.
 std::uint16_t startListening(ServiceHostHarness& harness, Environment environment = {},
                              const std::function<void(HostSettings&)>& adjust = {}) {
-    harness.startHost(std::move(environment), adjust);
+    harness.makeHost(std::move(environment), adjust)->start();
     EXPECT_TRUE(harness.runUntil([&] { return harness.host->status().loopbackListenerReady; }));
     return harness.host->loopbackPort();
 }
@@ -60,7 +60,6 @@ TEST(ServiceHostLoopback, ReadsAFrameHoweverItArrives) {
         EXPECT_EQ(answer->response->action, RuleAction::drop);
         EXPECT_TRUE(harness.host->status().lastPromptReceivedAt);
         EXPECT_TRUE(harness.host->status().lastPromptResolvedAt);
-        EXPECT_THAT(harness.queuedIDs(), ::testing::IsEmpty());
     }
 }
 
@@ -133,7 +132,6 @@ TEST(ServiceHostLoopback, ClientWithoutACompleteFrameInTimeIsClosedButAWaitingPr
         ASSERT_TRUE(harness.runUntil([&] { return closed.wait_for(0s) == std::future_status::ready; }));
         EXPECT_EQ(closed.get(), std::optional<std::string>(""));
     }
-    EXPECT_EQ(harness.logCount("did not arrive in time"), 2u);
 
     // Long past its own deadline, the prompt that waits for the user still gets its answer.
     harness.coordinator->resolvePrompt(sampleUuid(7), AgentPromptDecisionPreset::blockOnce);

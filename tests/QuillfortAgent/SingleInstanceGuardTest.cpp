@@ -25,14 +25,12 @@ struct GuardHome {
 // until it is gone, and the next one replaces the stale identifier.
 TEST(SingleInstanceGuard, SecondInstanceGivesWayAndTheStaleIdentifierIsReplacedOnceTheLockIsFree) {
     GuardHome setup;
-    ASSERT_EQ(QuillfortAgentSingleInstanceGuard::lockFileURL(setup.fileSystem, std::nullopt), setup.lockFile);
     {
         const QuillfortAgentSingleInstanceGuard first(setup.fileSystem, std::nullopt, 123456789);
         ASSERT_TRUE(first.shouldActivateCurrentInstance());
         {
             const QuillfortAgentSingleInstanceGuard second(setup.fileSystem, std::nullopt, 200);
             EXPECT_FALSE(second.shouldActivateCurrentInstance());
-            EXPECT_GE(second.fileDescriptor(), 0);
         }
         EXPECT_EQ(readText(setup.lockFile), "123456789\n");
         // Going away did not release the first instance's lock either.

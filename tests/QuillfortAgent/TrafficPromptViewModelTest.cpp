@@ -112,9 +112,6 @@ TEST(TrafficPromptViewModel, ProcessTextsNameTheProcessAndItsAncestry) {
 TEST(TrafficPromptViewModel, PreviewShowsTheRuleAnAnswerWouldWrite) {
     auto session = sessionFor("api.example.com");
     session.ruleSelection = {.includeExactProcess = true,
-                             .includeSigner = false,
-                             .includeAncestorApp = false,
-                             .includeProcessTag = false,
                              .hostMatchMode = FlowPromptHostMatchMode::suffix,
                              .hostPatternOverride = ".example.com",
                              .includePortExact = true,
@@ -128,8 +125,7 @@ TEST(TrafficPromptViewModel, PreviewShowsTheRuleAnAnswerWouldWrite) {
 }
 
 TEST(TrafficPromptViewModel, DurationChipsKeepTheSideAndButtonsKeepTheDuration) {
-    const auto always = VM::withDuration(P::blockOnce, RuleScope::persistent);
-    EXPECT_EQ(always, P::blockPermanent);
+    EXPECT_EQ(VM::withDuration(P::blockOnce, RuleScope::persistent), P::blockPermanent);
     EXPECT_EQ(VM::withDuration(P::allowPermanent, RuleScope::session), P::allowSession);
     EXPECT_EQ(VM::answering(P::allowPermanent, RuleAction::drop), P::blockPermanent);
     EXPECT_EQ(VM::answering(P::blockSession, RuleAction::allow), P::allowSession);

@@ -11,7 +11,6 @@
 #include <iterator>
 
 #include "contracts/PromptFrame.hpp"
-#include "contracts/QuillfortPromptListenerRecord.hpp"
 #include "model/Json.hpp"
 #include "platform/LoginSessions.hpp"
 #include "tests/testsupport/ModelSamples.hpp"
@@ -93,14 +92,12 @@ std::string frameHeader(std::uint32_t length) {
 }
 
 std::optional<QuillfortPromptBridgeResponseEnvelope> decodeResponseFrame(const std::string& frame) {
-    if (frame.size() < 4) return std::nullopt;
-    const auto* bytes = reinterpret_cast<const unsigned char*>(frame.data());
-    const std::uint32_t length = (std::uint32_t{bytes[0]} << 24) | (std::uint32_t{bytes[1]} << 16) |
-                                 (std::uint32_t{bytes[2]} << 8) | std::uint32_t{bytes[3]};
-    if (frame.size() != 4 + std::size_t{length}) return std::nullopt;
+    // Whole means exactly the header's length after the header.
+    if (frame.size() < 4 || frame.substr(0, 4) != frameHeader(static_cast<std::uint32_t>(frame.size() - 4))) {
+        return std::nullopt;
+    }
     auto decoded = decodeJson<QuillfortPromptBridgeResponseEnvelope>(std::string_view(frame).substr(4));
-    if (!decoded) return std::nullopt;
-    return *decoded;
+    return decoded ? std::optional(*decoded) : std::nullopt;
 }
 
 // --- The sandbox -----------------------------------------------------------------------
@@ -131,29 +128,24 @@ Environment AgentSandbox::environment() const {
         {"HOME", home().string()},
         {"XDG_CONFIG_HOME", (home() / ".config").string()},
         {"TMPDIR", home().string()},
-        {"PATH", "/usr/bin:/bin"},
+        {"PATH", std::getenv("PATH") ? std::getenv("PATH") : "/usr/bin:/bin"},
     };
-    if (const char* path = std::getenv("PATH")) variables["PATH"] = path;
     return variables;
 }
 
-ChildProcess AgentSandbox::startAgent(const std::vector<std::string>& arguments) {
-    auto started = ChildProcess::start(agentExecutable(), arguments, environment(), home() / "output");
+ChildProcess AgentSandbox::startAgent(const std::vector<std::string>& arguments, const Environment& extra) {
+    auto variables = environment();
+    for (const auto& [name, value] : extra) variables[name] = value;
+    auto started = ChildProcess::start(agentExecutable(), arguments, variables, home() / "output");
     if (!started) throw std::runtime_error(started.error());
     return std::move(*started);
 }
 
-ChildProcess& AgentSandbox::launchAgent(const Environment& extra, const std::vector<std::string>& arguments) {
-    auto variables = environment();
-    for (const auto& [name, value] : extra) variables[name] = value;
+ChildProcess& AgentSandbox::launchAgent(const Environment& extra) {
     // Port 0: the kernel picks a port nobody holds, and the agent names it in
     // its log. A port probed free beforehand can be taken by any connection's
     // ephemeral end before the agent binds it.
-    std::vector<std::string> all{"--headless", "--loopback-port", "0"};
-    all.insert(all.end(), arguments.begin(), arguments.end());
-    auto started = ChildProcess::start(agentExecutable(), all, variables, home() / "output");
-    if (!started) throw std::runtime_error(started.error());
-    agent_ = std::make_unique<ChildProcess>(std::move(*started));
+    agent_ = std::make_unique<ChildProcess>(startAgent({"--headless", "--loopback-port", "0"}, extra));
 
     const bool ready = eventually([&] {
         const auto current = status();
@@ -165,9 +157,6 @@ ChildProcess& AgentSandbox::launchAgent(const Environment& extra, const std::vec
     const auto at = log.find(listening);
     if (at == std::string::npos) throw std::runtime_error("the agent did not name its loopback port:\n" + log);
     port_ = static_cast<std::uint16_t>(std::stoul(log.substr(at + listening.size())));
-    if (auto record = decodeJson<QuillfortPromptListenerRecord>(readText(manifestFile()).value_or(""))) {
-        requests_ = *record->requestsDirectoryURL();
-    }
     return *agent_;
 }
 
@@ -184,11 +173,8 @@ ChildProcess AgentSandbox::startTool(std::vector<std::string> arguments) const {
 
 AgentSandbox::ToolRun AgentSandbox::runTool(const std::vector<std::string>& arguments) const {
     ChildProcess tool = startTool(arguments);
-    ToolRun run;
-    run.status = tool.waitFor(std::chrono::milliseconds(3 * processDeadline));
-    run.out = tool.standardOutput();
-    run.err = tool.standardError();
-    return run;
+    // A braced list is evaluated in order: the output is read once the tool has ended.
+    return {tool.waitFor(std::chrono::milliseconds(3 * processDeadline)), tool.standardOutput(), tool.standardError()};
 }
 
 fs::path AgentSandbox::container() const {
@@ -198,10 +184,6 @@ fs::path AgentSandbox::container() const {
 std::optional<PromptAgentStatusSnapshot> AgentSandbox::status() const {
     auto decoded = decodeJson<PromptAgentStatusSnapshot>(readText(statusFile()).value_or(""));
     return decoded ? std::optional(*decoded) : std::nullopt;
-}
-
-bool AgentSandbox::awaitQueued(std::uint64_t n) {
-    return waitForAgentLog("Queued prompt " + sampleUuid(n).uppercaseString());
 }
 
 }  // namespace quillfort::testing

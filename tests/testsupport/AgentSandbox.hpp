@@ -92,10 +92,10 @@ public:
     [[nodiscard]] Environment environment() const;
 
     // Starts the agent headless on a free port and waits until both transports
-    // are ready and the manifest names its session.
-    ChildProcess& launchAgent(const Environment& extra = {}, const std::vector<std::string>& arguments = {});
-    // Another agent launch in the same home, not waited for.
-    [[nodiscard]] ChildProcess startAgent(const std::vector<std::string>& arguments);
+    // are ready.
+    ChildProcess& launchAgent(const Environment& extra = {});
+    // An agent launch in the same home with `extra` variables, not waited for.
+    [[nodiscard]] ChildProcess startAgent(const std::vector<std::string>& arguments, const Environment& extra = {});
     [[nodiscard]] std::uint16_t port() const { return port_; }
     [[nodiscard]] std::string agentLog() const { return agent_ ? agent_->standardError() : std::string(); }
     bool waitForAgentLog(const std::string& fragment);
@@ -109,20 +109,12 @@ public:
     [[nodiscard]] std::filesystem::path manifestFile() const { return container() / "QuillfortPromptAgent.endpoint"; }
     [[nodiscard]] std::filesystem::path statusFile() const { return container() / "PromptAgentStatus.json"; }
     [[nodiscard]] std::filesystem::path ruleSnapshotFile() const { return container() / "RuleSnapshot.json"; }
-    [[nodiscard]] const std::filesystem::path& requestsDirectory() const { return requests_; }
     [[nodiscard]] std::optional<PromptAgentStatusSnapshot> status() const;
-
-    // --- The filter side's moves --------------------------------------------------
-    bool awaitQueued(std::uint64_t n);
-    [[nodiscard]] std::optional<std::string> exchange(const std::vector<std::string>& pieces) const {
-        return exchangeFrames(port_, pieces);
-    }
 
 private:
     TemporaryDirectory home_;
     std::unique_ptr<ChildProcess> agent_;
     std::uint16_t port_ = 0;
-    std::filesystem::path requests_;
 };
 
 }  // namespace quillfort::testing
