@@ -19,13 +19,12 @@ FlowPromptResponse lastingAnswer(Rule rule) {
     rule.action = RuleAction::allow;
     rule.scope = RuleScope::persistent;
     rule.origin = RuleOrigin::promptResolved;
-    FlowPromptResponse response;
-    response.promptID = testing::sampleUuid(7);
-    response.action = RuleAction::allow;
-    response.scope = RuleScope::persistent;
-    response.persist = true;
-    response.suggestedRule = std::move(rule);
-    return response;
+    return {.promptID = testing::sampleUuid(7),
+            .action = RuleAction::allow,
+            .scope = RuleScope::persistent,
+            .persist = true,
+            .ruleSelection = std::nullopt,
+            .suggestedRule = std::move(rule)};
 }
 
 Rule ruleNumbered(std::uint64_t n) {

@@ -18,7 +18,6 @@ using namespace quillfort::testing;
 using ::testing::ElementsAre;
 using ::testing::SizeIs;
 
-constexpr std::string_view decodeFailureText = "Failed to decode the Quillfort prompt request.";
 
 std::optional<PromptAgentStatusSnapshot> statusOnDisk(ServiceHostHarness& harness) {
     return PromptAgentStatusStore(*harness.fileSystem, harness.statusFile()).loadIfPresent().value_or(std::nullopt);

@@ -46,6 +46,9 @@ inline constexpr std::chrono::seconds waitDeadline{10};
 // The file bridge alone: most host tests need no listener.
 inline const Environment fileOnly{{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}};
 
+// The error both transports answer an undecodable request with.
+inline constexpr std::string_view decodeFailureText = "Failed to decode the Quillfort prompt request.";
+
 using HostSettings = QuillfortAgentPromptServiceHost::Dependencies;
 
 class ServiceHostHarness {

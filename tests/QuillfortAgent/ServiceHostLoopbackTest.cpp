@@ -14,8 +14,6 @@ namespace {
 
 using namespace quillfort::testing;
 
-constexpr std::string_view decodeFailureText = "Failed to decode the Quillfort prompt request.";
-constexpr std::string_view receiveFailure = "Failed to receive the loopback prompt request: ";
 
 std::string requestFrame(std::uint64_t n) { return *encodeFrame(encodeCompact(sampleEnvelope(n))); }
 
@@ -87,7 +85,7 @@ TEST(ServiceHostLoopback, BadFramesAreAnsweredOrClosedAndNotReceived) {
             EXPECT_EQ(answer->promptID, uuidNumber(101));
         } else {
             EXPECT_EQ(*received, "");
-            EXPECT_TRUE(harness.waitForLog(std::string(receiveFailure)));
+            EXPECT_TRUE(harness.waitForLog("Failed to receive the loopback prompt request: "));
         }
         EXPECT_FALSE(harness.host->status().lastPromptReceivedAt);
     }

@@ -13,16 +13,6 @@
 
 namespace quillfort::testing {
 
-namespace {
-
-int statusFrom(int waitStatus) {
-    if (WIFEXITED(waitStatus)) return WEXITSTATUS(waitStatus);
-    if (WIFSIGNALED(waitStatus)) return 128 + WTERMSIG(waitStatus);
-    return -1;
-}
-
-}  // namespace
-
 std::expected<ChildProcess, std::string> ChildProcess::start(const std::filesystem::path& program,
                                                              const std::vector<std::string>& arguments,
                                                              const std::map<std::string, std::string>& environment,
@@ -75,7 +65,8 @@ std::optional<int> ChildProcess::waitFor(std::chrono::milliseconds limit) {
         int status = 0;
         const pid_t done = ::waitpid(pid_, &status, WNOHANG);
         if (done == pid_) {
-            exitStatus_ = statusFrom(status);
+            // Without WUNTRACED a reaped child either exited or was killed.
+            exitStatus_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
             return exitStatus_;
         }
         if (done < 0 && errno != EINTR) return std::nullopt;
