@@ -20,19 +20,27 @@ cleanup() {
 trap cleanup EXIT
 fail() { echo "FAIL: $*"; echo "--- agent log"; tail -n 40 "$work/agent.log"; exit 1; }
 
-number=$((100 + $$ % 400))
-port=$((28000 + $$ % 1000))
-export DISPLAY=:$number HOME=$work/home
+# Xvfb picks a free display and the agent a free port, and each says which:
+# numbers derived from the pid collided with leftovers of other runs.
+export HOME=$work/home
 mkdir -p "$HOME"
-Xvfb "$DISPLAY" -screen 0 1280x1024x24 -nolisten tcp >"$work/xvfb.log" 2>&1 &
+Xvfb -displayfd 3 -screen 0 1280x1024x24 -nolisten tcp 3>"$work/display" >"$work/xvfb.log" 2>&1 &
 pids+=($!)
-for _ in $(seq 100); do [ -S /tmp/.X11-unix/X$number ] && break; sleep 0.05; done
-[ -S /tmp/.X11-unix/X$number ] || fail "Xvfb did not start"
+for _ in $(seq 100); do [ -s "$work/display" ] && break; sleep 0.05; done
+[ -s "$work/display" ] || fail "Xvfb did not start ($(cat "$work/xvfb.log"))"
+export DISPLAY=:$(head -n 1 "$work/display")
 
-"$agent" --loopback-port "$port" >"$work/agent.log" 2>&1 &
-agent_pid=$!
-pids+=($agent_pid)
-for _ in $(seq 200); do grep -q 'Listening for loopback prompt requests' "$work/agent.log" && break; sleep 0.05; done
+# start_agent <log> <arguments...>: starts the agent on a free port, sets $port.
+start_agent() {
+  local log=$1; shift
+  "$agent" "$@" --loopback-port 0 >"$log" 2>&1 &
+  agent_pid=$!
+  pids+=($agent_pid)
+  for _ in $(seq 200); do grep -q 'Listening for loopback prompt requests' "$log" && break; sleep 0.05; done
+  port=$(sed -n 's/.*Listening for loopback prompt requests on 127\.0\.0\.1:\([0-9]*\).*/\1/p' "$log" | head -n 1)
+  [ -n "$port" ] || fail "the agent named no loopback port"
+}
+start_agent "$work/agent.log"
 
 # Waits until the decision window is mapped; prints nothing, fails after 10 s.
 wait_for_window() {
@@ -72,11 +80,8 @@ kill -TERM "$agent_pid"
 wait "$agent_pid" || fail "SIGTERM ended the agent with status $?"
 
 # With --headless the display is ignored: no Qt platform plugin is loaded.
-"$agent" --headless --loopback-port "$port" >"$work/headless.log" 2>&1 &
-headless_pid=$!
-pids+=($headless_pid)
-for _ in $(seq 200); do grep -q 'Listening for loopback prompt requests' "$work/headless.log" && break; sleep 0.05; done
-grep -q 'platforms/libq' "/proc/$headless_pid/maps" && fail "the headless agent loaded a Qt platform plugin"
-kill -TERM "$headless_pid"
-wait "$headless_pid" || fail "SIGTERM ended the headless agent with status $?"
+start_agent "$work/headless.log" --headless
+grep -q 'platforms/libq' "/proc/$agent_pid/maps" && fail "the headless agent loaded a Qt platform plugin"
+kill -TERM "$agent_pid"
+wait "$agent_pid" || fail "SIGTERM ended the headless agent with status $?"
 echo "ok: headless with a display loads no platform plugin"
