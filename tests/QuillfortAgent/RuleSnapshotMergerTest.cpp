@@ -49,12 +49,6 @@ struct MergerFixture {
             for (const auto& rule : (*stored)->rules) result.push_back(rule.id);
         return result;
     }
-    [[nodiscard]] long count(Operation operation) const {
-        const auto calls = files->calls();
-        return std::count_if(calls.begin(), calls.end(), [&](const auto& c) {
-            return c.operation == operation && c.path == path;
-        });
-    }
 };
 
 TEST(RuleSnapshotMerger, RulesAnotherProcessWroteMeanwhileAreKept) {
@@ -65,9 +59,9 @@ TEST(RuleSnapshotMerger, RulesAnotherProcessWroteMeanwhileAreKept) {
 
     f.merge(ruleNumbered(2));
     // Back to back, the file this process just wrote is not decoded again.
-    const long reads = f.count(Operation::readFile);
+    const long reads = f.files->count(Operation::readFile, f.path);
     f.merge(ruleNumbered(3));
-    EXPECT_EQ(f.count(Operation::readFile), reads);
+    EXPECT_EQ(f.files->count(Operation::readFile, f.path), reads);
     EXPECT_EQ(f.storedIDs(), (std::vector<Uuid>{testing::sampleUuid(1), testing::sampleUuid(9), testing::sampleUuid(2),
                                                 testing::sampleUuid(3)}));
 }
@@ -75,12 +69,12 @@ TEST(RuleSnapshotMerger, RulesAnotherProcessWroteMeanwhileAreKept) {
 TEST(RuleSnapshotMerger, AnAnswerWhoseRuleIsAlreadyThereWritesOnlyWhatChanged) {
     MergerFixture f;
     f.merge(ruleNumbered(1));
-    const long writes = f.count(Operation::writeFileAtomically);
+    const long writes = f.files->count(Operation::writeFileAtomically, f.path);
     f.merge(ruleNumbered(1));
     Rule renamed = ruleNumbered(1);
     renamed.name = "Renamed";
     f.merge(renamed);  // same id, different rule: that is a change
-    EXPECT_EQ(f.count(Operation::writeFileAtomically), writes + 1);
+    EXPECT_EQ(f.files->count(Operation::writeFileAtomically, f.path), writes + 1);
 }
 
 TEST(RuleSnapshotMerger, AnswersThatMakeNoRuleDoNotTouchTheFile) {

@@ -28,14 +28,6 @@ Environment withDirective(const std::string& answer) {
     return {{"QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER", "1"}, {"QUILLFORT_AGENT_AUTOMATION_RESPONSE", answer}};
 }
 
-// How often the requests directory has been listed so far.
-std::ptrdiff_t listings(ServiceHostHarness& harness) {
-    const auto calls = harness.fakeFileSystem->calls();
-    return std::count_if(calls.begin(), calls.end(), [](const FakeFileSystem::Call& call) {
-        return call.operation == FakeFileSystem::Operation::listDirectory;
-    });
-}
-
 // --- Start-up and status texts ------------------------------------------------
 
 struct StartCase {
@@ -111,8 +103,9 @@ TEST(ServiceHostFileBridge, FocusElsewhereLeavesThePromptToTheCoordinator) {
     // Still in the directory while it waits, the file is not handed on again by
     // later polls: one more listing and what follows it on the serial queue, so
     // a second hand-off would be waiting on the main thread by then.
-    const auto seen = listings(harness);
-    ASSERT_TRUE(harness.runUntil([&] { return listings(harness) > seen; }));
+    const auto listings = [&] { return harness.fakeFileSystem->count(FakeFileSystem::Operation::listDirectory); };
+    const auto seen = listings();
+    ASSERT_TRUE(harness.runUntil([&] { return listings() > seen; }));
     const auto later = harness.fakeFileSystem->calls().size();
     ASSERT_TRUE(harness.runUntil([&] { return harness.fakeFileSystem->calls().size() > later + 2; }));
     harness.mainContext.poll();
@@ -277,8 +270,9 @@ TEST(ServiceHostFileBridge, RemovedRequestsDirectoryIsLoggedOnceWhilePollingGoes
     const std::string failure = "Failed to enumerate prompt bridge requests: ";
     ASSERT_TRUE(harness.waitForLog(failure));
 
-    const auto seen = listings(harness);
-    ASSERT_TRUE(harness.runUntil([&] { return listings(harness) >= seen + 3; }));
+    const auto listings = [&] { return harness.fakeFileSystem->count(FakeFileSystem::Operation::listDirectory); };
+    const auto seen = listings();
+    ASSERT_TRUE(harness.runUntil([&] { return listings() >= seen + 3; }));
     EXPECT_EQ(harness.logCount(failure), 1u);
 
     // Put back, it is polled as before.

@@ -17,13 +17,9 @@ namespace {
 namespace fs = std::filesystem;
 using testing::FakeFileSystem;
 using testing::TemporaryDirectory;
+using testing::writeText;
 
 const Date kNoon = parseIso8601("2026-03-01T12:00:00Z").value();
-
-void writeText(const fs::path& path, std::string_view text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path) << text;
-}
 
 class JsonFileStores : public ::testing::Test {
 protected:

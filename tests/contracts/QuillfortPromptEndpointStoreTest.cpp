@@ -23,6 +23,9 @@ namespace fs = std::filesystem;
 namespace store = QuillfortPromptEndpointStore;
 using testing::FakeFileSystem;
 using testing::TemporaryDirectory;
+using testing::permissionsOf;
+using testing::readText;
+using testing::writeText;
 
 const std::string kGroupContainers = "Library/Group Containers/";
 const std::string kPrefixed = kGroupContainers + "group.com.vessimo.Quillfort.shared";
@@ -36,22 +39,6 @@ QuillfortPromptListenerRecord record(Kind transport, std::optional<std::string> 
                                      std::optional<std::string> responses = {},
                                      std::optional<std::string> session = {}) {
     return {transport, std::move(service), std::move(requests), std::move(responses), std::move(session)};
-}
-
-unsigned permissionsOf(const fs::path& path) {
-    struct stat info{};
-    if (::stat(path.c_str(), &info) != 0) return 0;
-    return info.st_mode & 07777;
-}
-
-void writeText(const fs::path& path, const std::string& text) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path) << text;
-}
-
-std::string readText(const fs::path& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // Paths in the table are relative to a fresh temporary directory.
@@ -194,13 +181,13 @@ TEST_F(PromptEndpointManifest, SavePublishesCompactAccessibleManifestAtFirstCand
     ASSERT_TRUE(store::save(record(Kind::fileRequestResponse, {}, "/q/Requests", "/q/Responses", "S"), fileSystem,
                             std::nullopt));
 
-    EXPECT_EQ(readText(first()), kUsable);
+    EXPECT_EQ(readText(first()).value_or(""), kUsable);
     EXPECT_EQ(permissionsOf(first().parent_path()), 0777u);  // created with its parents
     EXPECT_EQ(permissionsOf(first()), 0666u);
     EXPECT_FALSE(fs::exists(second()));
 
     ASSERT_TRUE(store::save("svc.name", fileSystem, std::nullopt));
-    EXPECT_EQ(readText(first()), R"({"transport":"machServiceXPC","machServiceName":"svc.name"})");
+    EXPECT_EQ(readText(first()).value_or(""), R"({"transport":"machServiceXPC","machServiceName":"svc.name"})");
 }
 
 TEST_F(PromptEndpointManifest, ClearRemovesEveryManifestAndStopsAtFirstFailure) {

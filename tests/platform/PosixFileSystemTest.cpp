@@ -30,8 +30,6 @@ PosixFileSystem makeFileSystem(std::map<std::string, std::string> environment = 
     return PosixFileSystem(processInfo, std::move(console));
 }
 
-void writePlain(const fs::path& path, const std::string& bytes) { std::ofstream(path) << bytes; }
-
 std::vector<std::string> sortedNames(const std::vector<DirectoryEntry>& entries) {
     std::vector<std::string> names;
     for (const auto& entry : entries) names.push_back(entry.path.filename().string());
@@ -41,11 +39,6 @@ std::vector<std::string> sortedNames(const std::vector<DirectoryEntry>& entries)
 
 std::vector<std::string> everythingIn(const fs::path& directory) {
     return sortedNames(makeFileSystem().listDirectory(directory, false).value());
-}
-
-mode_t modeOf(const fs::path& path) {
-    struct stat info{};
-    return ::stat(path.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
 }
 
 // Runs `body` in a child process and gives its exit status.
@@ -74,7 +67,7 @@ TEST(PosixFileSystem, AtomicWriteReplacesWholeContentAndLeavesNothingBeside) {
 TEST(PosixFileSystem, WriteFailingMidwayKeepsOldContentAndRemovesTemporary) {
     TemporaryDirectory dir;
     auto target = dir.path() / "state.json";
-    writePlain(target, "old content");
+    testing::writeText(target, "old content");
     // A file-size limit makes the write stop after 64 KiB of a 1 MiB content:
     // a writer that touched the target in place would leave it truncated.
     int status = inChild([&] {
@@ -110,17 +103,17 @@ TEST(PosixFileSystem, NewFilesFollowTheUmaskAndSetPermissionsDoNot) {
         auto written = files.writeFileAtomically(dir.path() / "f", "x");
         ::umask(previous);
         ASSERT_TRUE(written);
-        EXPECT_EQ(modeOf(dir.path() / "f"), expected) << "umask " << std::oct << mask;
+        EXPECT_EQ(testing::permissionsOf(dir.path() / "f"), expected) << "umask " << std::oct << mask;
     }
     ASSERT_TRUE(files.setPosixPermissions(dir.path() / "f", 0777));
-    EXPECT_EQ(modeOf(dir.path() / "f"), 0777U);
+    EXPECT_EQ(testing::permissionsOf(dir.path() / "f"), 0777U);
     EXPECT_TRUE(files.setPosixPermissions(dir.path() / "missing", 0666).error().isNoSuchFile());
 }
 
 TEST(PosixFileSystem, ReadAndListFailuresKeepTheirErrno) {
     TemporaryDirectory dir;
     auto files = makeFileSystem();
-    writePlain(dir.path() / "file", "x");
+    testing::writeText(dir.path() / "file", "x");
     struct Case { fs::path path; bool list; std::errc expected; };
     for (const auto& c : {Case{dir.path() / "missing", false, std::errc::no_such_file_or_directory},
                           Case{dir.path(), false, std::errc::is_a_directory},
@@ -166,7 +159,7 @@ TEST(PosixFileSystem, ListingSkipsHiddenEntriesWhenAskedAndGivesCreationDates) {
     TemporaryDirectory dir;
     auto files = makeFileSystem();
     auto started = std::chrono::system_clock::now() - std::chrono::minutes(1);
-    for (auto name : {"b.json", ".hidden", "request.json"}) writePlain(dir.path() / name, "x");
+    for (auto name : {"b.json", ".hidden", "request.json"}) testing::writeText(dir.path() / name, "x");
     ASSERT_TRUE(files.createDirectories(dir.path() / "sub"));
     EXPECT_THAT(everythingIn(dir.path()), ElementsAre(".hidden", "b.json", "request.json", "sub"));
     // Move the modification time far back: a birth time stays recent.
@@ -194,7 +187,7 @@ TEST(PosixFileSystem, CreateDirectoriesMakesParentsAndIsIdempotent) {
     ASSERT_TRUE(files.createDirectories(dir.path() / "a" / "b" / "d" / ""));
     EXPECT_TRUE(files.isDirectory(nested));
 
-    writePlain(dir.path() / "file", "x");
+    testing::writeText(dir.path() / "file", "x");
     EXPECT_EQ(files.createDirectories(dir.path() / "file").error().code, std::errc::file_exists);
     EXPECT_EQ(files.createDirectories(dir.path() / "file" / "sub").error().code, std::errc::not_a_directory);
 }
@@ -203,9 +196,9 @@ TEST(PosixFileSystem, RemoveItemRemovesTreesButNotWhatLinksPointTo) {
     TemporaryDirectory dir;
     auto files = makeFileSystem();
     ASSERT_TRUE(files.createDirectories(dir.path() / "tree" / "deep"));
-    writePlain(dir.path() / "tree" / "deep" / "f", "x");
+    testing::writeText(dir.path() / "tree" / "deep" / "f", "x");
     ASSERT_TRUE(files.createDirectories(dir.path() / "kept"));
-    writePlain(dir.path() / "kept" / "f", "x");
+    testing::writeText(dir.path() / "kept" / "f", "x");
     fs::create_directory_symlink(dir.path() / "kept", dir.path() / "link");
 
     EXPECT_TRUE(files.removeItem(dir.path() / "tree"));

@@ -30,12 +30,6 @@ QuillfortPromptBridgeRequestEnvelope sampleEnvelope(std::uint64_t n, const std::
     return {.request = sampleRequest(n, host), .createdAt = sampleDate()};
 }
 
-std::optional<std::string> readText(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 // --- Loopback client -----------------------------------------------------------------
 
 LoopbackTestClient::LoopbackTestClient(std::uint16_t port) {

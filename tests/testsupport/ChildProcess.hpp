@@ -13,10 +13,9 @@
 #include <string>
 #include <vector>
 
-namespace quillfort::testing {
+#include "tests/testsupport/TemporaryDirectory.hpp"
 
-// A whole file's bytes; nothing when it cannot be opened.
-[[nodiscard]] std::optional<std::string> readText(const std::filesystem::path& path);
+namespace quillfort::testing {
 
 class ChildProcess {
 public:

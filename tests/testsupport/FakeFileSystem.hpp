@@ -3,6 +3,7 @@
 // operations can be made to fail with a given errno.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -50,9 +51,6 @@ public:
     void setConsoleUserHomeDirectory(std::optional<std::filesystem::path> home) {
         locked([&] { consoleHome_ = std::move(home); });
     }
-    void setTemporaryDirectory(std::filesystem::path directory) {
-        locked([&] { temporaryDirectory_ = std::move(directory); });
-    }
 
     // The next call of `operation` (on any path) fails with `err` and does nothing.
     void failNext(Operation operation, int err) { locked([&] { rules_.push_back({operation, std::nullopt, err}); }); }
@@ -69,6 +67,12 @@ public:
 
     // Calls so far, failed ones included.
     [[nodiscard]] std::vector<Call> calls() const { return locked([&] { return calls_; }); }
+    // How many calls of `operation` there were so far (on `path`, when given).
+    [[nodiscard]] long count(Operation operation, const std::optional<std::filesystem::path>& path = {}) const {
+        const auto seen = calls();
+        return std::ranges::count_if(
+            seen, [&](const Call& c) { return c.operation == operation && (!path || c.path == *path); });
+    }
 
     [[nodiscard]] std::optional<std::filesystem::path> currentHomeDirectory() const override {
         return locked([&] { return home_; });
@@ -80,7 +84,7 @@ public:
         return locked([&] { return consoleHome_; });
     }
     [[nodiscard]] std::filesystem::path temporaryDirectory() const override {
-        return locked([&] { return temporaryDirectory_; });
+        return "/tmp";
     }
     [[nodiscard]] bool exists(const std::filesystem::path& path) const override { return real_->exists(path); }
     [[nodiscard]] bool isDirectory(const std::filesystem::path& path) const override {
@@ -125,7 +129,6 @@ private:
     std::optional<std::filesystem::path> home_;
     std::optional<std::filesystem::path> appGroupContainer_;
     std::optional<std::filesystem::path> consoleHome_;
-    std::filesystem::path temporaryDirectory_{"/tmp"};
     mutable std::vector<Rule> rules_;
     mutable std::vector<Call> calls_;
     Listing listing_;

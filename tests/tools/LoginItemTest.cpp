@@ -83,14 +83,10 @@ TEST(LoginItem, SwitchesTheMechanismInForceAndOnlyTheUsersAutostartCopy) {
         testing::FakeFileSystem fileSystem(root.path() / "home");
         const LoginItem::AutostartLocations locations{root.path() / "home/autostart", {root.path() / "etc/autostart"}};
         const auto userPath = locations.userDirectory / LoginItem::autostartEntryName;
-        const auto write = [](const std::filesystem::path& path, std::string_view text) {
-            std::filesystem::create_directories(path.parent_path());
-            std::ofstream(path) << text;
-        };
         if (c.systemEntry)
-            write(locations.systemDirectories.front() / LoginItem::autostartEntryName,
+            testing::writeText(locations.systemDirectories.front() / LoginItem::autostartEntryName,
                   "[Desktop Entry]\nExec=quillfort-agent\n");
-        if (c.userFileBefore == hidden) write(userPath, "[Desktop Entry]\nHidden=true\n");
+        if (c.userFileBefore == hidden) testing::writeText(userPath, "[Desktop Entry]\nHidden=true\n");
 
         FakeUserServices services(c.unitState);
         const LoginItem::Context context{fileSystem, c.unitState ? &services : nullptr, locations};

@@ -17,8 +17,7 @@ using testing::TemporaryDirectory;
 class SyntheticProcfs : public ::testing::Test {
 protected:
     void write(const std::filesystem::path& relative, std::string_view content) {
-        std::filesystem::create_directories((procfs_.path() / relative).parent_path());
-        std::ofstream(procfs_.path() / relative, std::ios::binary) << content;
+        testing::writeText(procfs_.path() / relative, content);
     }
     void addProcess(int pid, int ppid, std::string_view comm, unsigned ttyNr, unsigned long startTicks) {
         // state ppid pgrp session tty_nr tpgid flags minflt cminflt majflt cmajflt
