@@ -7,6 +7,7 @@
 #include "QuillfortAgent/StoredPromptPreference.hpp"
 #include "platform/InMemoryUserDefaults.hpp"
 #include "support/LogSink.hpp"
+#include "tests/QuillfortAgent/TestCoordinator.hpp"
 #include "tests/testsupport/AgentSandbox.hpp"
 #include "tests/testsupport/FakeFileSystem.hpp"
 #include "tests/testsupport/ModelSamples.hpp"
@@ -18,17 +19,6 @@ namespace {
 using ::testing::ElementsAre;
 using P = AgentPromptDecisionPreset;
 using Env = std::map<std::string, std::string>;
-
-class FixedClock final : public Clock {
-public:
-    [[nodiscard]] std::chrono::system_clock::time_point now() const override { return testing::sampleDate(); }
-};
-
-class FakeRules final : public RuleSnapshotReader {
-public:
-    [[nodiscard]] Rules currentRules() override { return std::make_shared<const std::vector<Rule>>(rules); }
-    std::vector<Rule> rules;
-};
 
 // Every response the callbacks received, in order.
 struct Replies {
@@ -44,17 +34,8 @@ struct Replies {
 
 struct Harness {
     explicit Harness(const Env& environment = {}) {
-        fileSystem->setAppGroupContainer("/srv/group");
-        const ProcessInfo process{.environment = environment, .arguments = {}, .processIdentifier = 1};
-        coordinator = std::make_unique<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
-            .processInfo = process,
-            .userDefaults = defaults,
-            .rules = rules,
-            .fileSystem = fileSystem,
-            .clock = std::make_shared<FixedClock>(),
-            .uuids = std::make_shared<testing::SequentialUuidSource>(1000),
-            .formatTime = [](auto) { return std::string("12:00:00"); },
-        });
+        coordinator = testing::makeTestCoordinator(
+            rules, fileSystem, defaults, {.environment = environment, .arguments = {}, .processIdentifier = 1});
     }
 
     void receive(const std::string& host, std::uint64_t n) {
@@ -74,10 +55,10 @@ struct Harness {
 
     ScopedLogCapture log;
     std::shared_ptr<InMemoryUserDefaults> defaults = std::make_shared<InMemoryUserDefaults>();
-    std::shared_ptr<FakeRules> rules = std::make_shared<FakeRules>();
+    std::shared_ptr<testing::FakeRules> rules = std::make_shared<testing::FakeRules>();
     std::shared_ptr<testing::FakeFileSystem> fileSystem = std::make_shared<testing::FakeFileSystem>();
     Replies replies;
-    std::unique_ptr<AgentPromptCoordinator> coordinator;
+    std::shared_ptr<AgentPromptCoordinator> coordinator;
 };
 
 TEST(AgentPromptCoordinator, QueuesInArrivalOrderAndFocusedPromptsJumpToTheFront) {

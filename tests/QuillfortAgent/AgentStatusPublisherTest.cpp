@@ -28,11 +28,7 @@ AgentPromptSession queuedSession(std::uint64_t n, AgentPromptDecisionPreset pres
 TEST(AgentStatusPublisher, QueueEntriesFollowEveryChangeOfTheirSession) {
     TemporaryDirectory home;
     auto fileSystem = defaultFileSystem();
-    struct SettableClock final : Clock {
-        std::chrono::system_clock::time_point now() const override { return at; }
-        std::atomic<std::chrono::system_clock::time_point> at{sampleDate()};
-    };
-    auto clock = std::make_shared<SettableClock>();
+    auto clock = std::make_shared<SampleClock>();
     AgentStatusPublisher publisher(PromptAgentStatusStore(*fileSystem, home.path() / "status.json"), clock,
                                    PromptAgentStatusSnapshot{});
     const auto previewOf = [](const AgentPromptSession& session) {

@@ -3,16 +3,26 @@
 // Every field is fixed, so tests can write the expected JSON by hand.
 #pragma once
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "model/FlowContext.hpp"
 #include "model/ProcessIdentity.hpp"
 #include "model/Rule.hpp"
+#include "platform/Clock.hpp"
 
 namespace quillfort::testing {
 
 // 2026-03-01T12:00:00Z.
 [[nodiscard]] Date sampleDate();
+
+// A clock that stands at sampleDate() until the test moves it.
+class SampleClock final : public Clock {
+public:
+    [[nodiscard]] std::chrono::system_clock::time_point now() const override { return at; }
+    std::atomic<std::chrono::system_clock::time_point> at{sampleDate()};
+};
 
 // 00000000-0000-4000-8000-<n as 12 upper-case hex digits>.
 [[nodiscard]] Uuid sampleUuid(std::uint64_t n);

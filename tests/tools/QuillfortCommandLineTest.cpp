@@ -19,11 +19,6 @@ namespace {
 namespace CL = QuillfortCommandLine;
 using namespace std::chrono_literals;
 
-class FixedClock final : public Clock {
-public:
-    [[nodiscard]] std::chrono::system_clock::time_point now() const override { return testing::sampleDate(); }
-};
-
 // What one invocation left: its exit status and both streams.
 struct Invocation {
     int status = -1;
@@ -39,7 +34,7 @@ struct Invocation {
 class CommandLineTest : public ::testing::Test {
 protected:
     CommandLineTest() : fileSystem_(std::make_shared<testing::FakeFileSystem>(home_.path())) {
-        environment_ = CL::Environment{fileSystem_, std::make_shared<FixedClock>(),
+        environment_ = CL::Environment{fileSystem_, std::make_shared<testing::SampleClock>(),
                                        std::make_shared<testing::SequentialUuidSource>(),
                                        ProcessLineage::ProcfsView::system(), 2s};
     }

@@ -17,10 +17,7 @@
 #include "QuillfortAgent/ui/AgentPromptWindowPresenter.hpp"
 #include "QuillfortAgent/ui/AgentPromptWindowView.hpp"
 #include "QuillfortAgent/ui/TrafficPromptView.hpp"
-#include "platform/InMemoryUserDefaults.hpp"
-#include "tests/testsupport/FakeFileSystem.hpp"
-#include "tests/testsupport/ModelSamples.hpp"
-#include "tests/testsupport/SequentialUuidSource.hpp"
+#include "tests/QuillfortAgent/TestCoordinator.hpp"
 
 namespace quillfort::ui::testing {
 
@@ -35,32 +32,10 @@ inline QApplication& application() {
     return *app;
 }
 
-class FixedClock final : public Clock {
-public:
-    [[nodiscard]] std::chrono::system_clock::time_point now() const override {
-        return quillfort::testing::sampleDate();
-    }
-};
-
-class FakeRules final : public RuleSnapshotReader {
-public:
-    [[nodiscard]] Rules currentRules() override { return std::make_shared<const std::vector<Rule>>(rules); }
-    std::vector<Rule> rules;
-};
-
 struct UiHarness {
     UiHarness() {
         application();
-        fileSystem->setAppGroupContainer("/srv/group");
-        coordinator = std::make_shared<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
-            .processInfo = {},
-            .userDefaults = std::make_shared<InMemoryUserDefaults>(),
-            .rules = rules,
-            .fileSystem = fileSystem,
-            .clock = std::make_shared<FixedClock>(),
-            .uuids = std::make_shared<quillfort::testing::SequentialUuidSource>(1000),
-            .formatTime = [](auto) { return std::string("12:00:00"); },
-        });
+        coordinator = quillfort::testing::makeTestCoordinator(rules, fileSystem);
         presenter = std::make_unique<AgentPromptWindowPresenter>(coordinator);
         presenter->start();
         presenter->rootView()->promptView().setInputGuardInterval(std::chrono::milliseconds(0));
@@ -94,7 +69,7 @@ struct UiHarness {
     }
 
     std::shared_ptr<quillfort::testing::FakeFileSystem> fileSystem = std::make_shared<quillfort::testing::FakeFileSystem>();
-    std::shared_ptr<FakeRules> rules = std::make_shared<FakeRules>();
+    std::shared_ptr<quillfort::testing::FakeRules> rules = std::make_shared<quillfort::testing::FakeRules>();
     std::shared_ptr<AgentPromptCoordinator> coordinator;
     std::unique_ptr<AgentPromptWindowPresenter> presenter;
     std::vector<std::pair<std::uint64_t, FlowPromptResponse>> replies;
