@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "platform/FileDescriptor.hpp"
 #include "platform/LoginSessions.hpp"
 #include "platform/UserDatabase.hpp"
 
@@ -29,27 +30,6 @@ std::optional<std::filesystem::path> nonEmptyVariable(const ProcessInfo& process
 std::unexpected<Error> failure(int err, const std::filesystem::path& path) {
     return std::unexpected(Error::fromErrno(err, path.native()));
 }
-
-// Closes a descriptor on every way out of a function.
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) noexcept : fd_(fd) {}
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor() {
-        if (fd_ >= 0) ::close(fd_);
-    }
-    [[nodiscard]] int get() const noexcept { return fd_; }
-    // Closes now, reporting the error that close gives (a delayed write error
-    // on some file systems).
-    [[nodiscard]] int close() noexcept {
-        int rc = ::close(std::exchange(fd_, -1));
-        return rc == 0 ? 0 : errno;
-    }
-
-private:
-    int fd_;
-};
 
 class DirectoryStream {
 public:
