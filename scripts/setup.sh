@@ -17,6 +17,8 @@ packages=(
   dpkg-dev file man-db desktop-file-utils
   dbus jq tmux libncurses-dev
   clang-16 libclang-rt-16-dev llvm
+  libmnl-dev libnetfilter-queue-dev libbpf-dev bpftool libssl-dev
+  nftables iptables iproute2
 )
 for arg in "$@"; do
   case "$arg" in

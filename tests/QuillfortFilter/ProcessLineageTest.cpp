@@ -1,4 +1,4 @@
-#include "tools/ProcessLineage.hpp"
+#include "QuillfortFilter/process/ProcessLineage.hpp"
 
 #include <fstream>
 
@@ -26,7 +26,7 @@ protected:
               fmt::format("{} ({}) S {} {} {} {} -1 4194560 1 0 0 0 0 0 0 0 20 0 1 0 {} 1000 9\n", pid, comm, ppid,
                           pid, pid, ttyNr, startTicks));
     }
-    [[nodiscard]] PI::ProcfsView view() const { return PI::ProcfsView{procfs_.path(), 100}; }
+    [[nodiscard]] PI::ProcfsView view() const { return PI::ProcfsView{procfs_.path(), 100, std::nullopt}; }
 
     TemporaryDirectory procfs_;
 };
