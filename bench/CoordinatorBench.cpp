@@ -6,7 +6,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "platform/InMemoryUserDefaults.hpp"
 #include "support/LogSink.hpp"
 

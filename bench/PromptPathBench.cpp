@@ -9,8 +9,8 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
-#include "QuillfortAgent/CachedRuleSnapshotReader.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/CachedRuleSnapshotReader.hpp"
 #include "bench/BenchSamples.hpp"
 #include "contracts/FlowPromptAutomation.hpp"
 #include "contracts/FlowPromptExistingRuleAnalyzer.hpp"

@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/ui/AgentPromptWindowView.hpp"
 #include "QuillfortAgent/ui/QFPalette.hpp"
 #include "QuillfortAgent/ui/TrafficPromptView.hpp"

@@ -8,7 +8,7 @@
 
 #include <QWidget>
 
-#include "QuillfortAgent/Observable.hpp"
+#include "QuillfortAgent/coordinator/Observable.hpp"
 #include "support/QuillfortLogger.hpp"
 
 namespace quillfort {

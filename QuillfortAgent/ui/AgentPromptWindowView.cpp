@@ -2,7 +2,7 @@
 
 #include <QTimer>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/ui/IdleView.hpp"
 #include "QuillfortAgent/ui/TrafficPromptView.hpp"
 

@@ -8,7 +8,7 @@
 
 #include <QStackedWidget>
 
-#include "QuillfortAgent/Observable.hpp"
+#include "QuillfortAgent/coordinator/Observable.hpp"
 
 namespace quillfort {
 class AgentPromptCoordinator;

@@ -10,8 +10,8 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
-#include "QuillfortAgent/TrafficPromptViewModel.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/TrafficPromptViewModel.hpp"
 #include "QuillfortAgent/ui/IdleView.hpp"
 #include "QuillfortAgent/ui/QFComponents.hpp"
 #include "QuillfortAgent/ui/QFSymbols.hpp"

@@ -7,8 +7,8 @@
 
 #include <QWidget>
 
-#include "QuillfortAgent/AgentPromptSession.hpp"
-#include "QuillfortAgent/Observable.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptSession.hpp"
+#include "QuillfortAgent/coordinator/Observable.hpp"
 #include "support/QuillfortFeatureFlags.hpp"
 
 class QVBoxLayout;

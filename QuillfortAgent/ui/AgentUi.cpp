@@ -13,7 +13,7 @@
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/ui/AgentPromptWindowPresenter.hpp"
 #include "QuillfortAgent/ui/AgentStatusView.hpp"
 #include "QuillfortAgent/ui/QFPalette.hpp"

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "QuillfortAgent/MainThreadExecutor.hpp"
+#include "QuillfortAgent/host/MainThreadExecutor.hpp"
 #include "platform/ProcessInfo.hpp"
 #include "support/QuillfortFeatureFlags.hpp"
 

@@ -5,7 +5,7 @@
 #include <QVBoxLayout>
 #include <QVariantAnimation>
 
-#include "QuillfortAgent/TrafficPromptViewModel.hpp"
+#include "QuillfortAgent/coordinator/TrafficPromptViewModel.hpp"
 #include "QuillfortAgent/ui/QFComponents.hpp"
 #include "QuillfortAgent/ui/QFSymbols.hpp"
 

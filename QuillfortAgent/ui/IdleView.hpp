@@ -7,7 +7,7 @@
 
 #include <QWidget>
 
-#include "QuillfortAgent/AgentPromptSession.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptSession.hpp"
 
 class QVBoxLayout;
 

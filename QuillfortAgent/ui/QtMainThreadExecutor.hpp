@@ -5,7 +5,7 @@
 #include <functional>
 #include <memory>
 
-#include "QuillfortAgent/MainThreadExecutor.hpp"
+#include "QuillfortAgent/host/MainThreadExecutor.hpp"
 
 class QObject;
 

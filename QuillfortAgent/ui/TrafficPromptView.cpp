@@ -11,7 +11,7 @@
 #include <QShortcut>
 #include <QVBoxLayout>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/ui/QFComponents.hpp"
 #include "QuillfortAgent/ui/QFSymbols.hpp"
 

@@ -12,8 +12,8 @@
 #include <QElapsedTimer>
 #include <QWidget>
 
-#include "QuillfortAgent/AgentPromptSession.hpp"
-#include "QuillfortAgent/TrafficPromptViewModel.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptSession.hpp"
+#include "QuillfortAgent/coordinator/TrafficPromptViewModel.hpp"
 
 class QCheckBox;
 class QComboBox;

@@ -1,4 +1,4 @@
-#include "QuillfortAgent/AgentPreviewPrompts.hpp"
+#include "QuillfortAgent/automation/AgentPreviewPrompts.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

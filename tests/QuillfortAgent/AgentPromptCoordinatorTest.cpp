@@ -1,10 +1,10 @@
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "QuillfortAgent/StoredPromptPreference.hpp"
+#include "QuillfortAgent/coordinator/StoredPromptPreference.hpp"
 #include "platform/InMemoryUserDefaults.hpp"
 #include "support/LogSink.hpp"
 #include "tests/QuillfortAgent/TestCoordinator.hpp"

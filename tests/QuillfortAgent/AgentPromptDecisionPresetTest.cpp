@@ -1,4 +1,4 @@
-#include "QuillfortAgent/AgentPromptDecisionPreset.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptDecisionPreset.hpp"
 
 #include <gtest/gtest.h>
 

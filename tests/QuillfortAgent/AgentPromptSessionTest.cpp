@@ -1,4 +1,4 @@
-#include "QuillfortAgent/AgentPromptSession.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptSession.hpp"
 
 #include <algorithm>
 

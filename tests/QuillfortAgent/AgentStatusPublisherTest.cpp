@@ -1,4 +1,4 @@
-#include "QuillfortAgent/AgentStatusPublisher.hpp"
+#include "QuillfortAgent/publishing/AgentStatusPublisher.hpp"
 
 #include <atomic>
 #include <functional>

@@ -1,4 +1,4 @@
-#include "QuillfortAgent/CachedRuleSnapshotReader.hpp"
+#include "QuillfortAgent/coordinator/CachedRuleSnapshotReader.hpp"
 
 #include <algorithm>
 

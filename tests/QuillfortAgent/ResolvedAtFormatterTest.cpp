@@ -1,4 +1,4 @@
-#include "QuillfortAgent/ResolvedAtFormatter.hpp"
+#include "QuillfortAgent/coordinator/ResolvedAtFormatter.hpp"
 
 #include <gtest/gtest.h>
 

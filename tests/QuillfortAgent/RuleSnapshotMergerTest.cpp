@@ -1,4 +1,4 @@
-#include "QuillfortAgent/RuleSnapshotMerger.hpp"
+#include "QuillfortAgent/host/RuleSnapshotMerger.hpp"
 
 #include <algorithm>
 

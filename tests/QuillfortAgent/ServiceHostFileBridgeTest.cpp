@@ -1,4 +1,4 @@
-#include "QuillfortAgent/QuillfortAgentPromptServiceHost.hpp"
+#include "QuillfortAgent/host/QuillfortAgentPromptServiceHost.hpp"
 
 #include <algorithm>
 #include <cerrno>

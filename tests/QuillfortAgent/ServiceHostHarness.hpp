@@ -19,10 +19,10 @@
 #include <boost/asio/io_context.hpp>
 #include <gtest/gtest.h>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
-#include "QuillfortAgent/AsioMainThreadExecutor.hpp"
-#include "QuillfortAgent/CachedRuleSnapshotReader.hpp"
-#include "QuillfortAgent/QuillfortAgentPromptServiceHost.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/CachedRuleSnapshotReader.hpp"
+#include "QuillfortAgent/host/AsioMainThreadExecutor.hpp"
+#include "QuillfortAgent/host/QuillfortAgentPromptServiceHost.hpp"
 #include "contracts/PromptAgentAutomationCommand.hpp"
 #include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
 #include "contracts/QuillfortPromptEndpointStore.hpp"

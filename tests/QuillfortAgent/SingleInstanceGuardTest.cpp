@@ -1,4 +1,4 @@
-#include "QuillfortAgent/QuillfortAgentSingleInstanceGuard.hpp"
+#include "QuillfortAgent/app/QuillfortAgentSingleInstanceGuard.hpp"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "QuillfortAgent/StoredPromptPreference.hpp"
+#include "QuillfortAgent/coordinator/StoredPromptPreference.hpp"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "platform/InMemoryUserDefaults.hpp"
 #include "tests/testsupport/FakeFileSystem.hpp"
 #include "tests/testsupport/ModelSamples.hpp"

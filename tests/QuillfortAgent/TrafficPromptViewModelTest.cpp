@@ -1,4 +1,4 @@
-#include "QuillfortAgent/TrafficPromptViewModel.hpp"
+#include "QuillfortAgent/coordinator/TrafficPromptViewModel.hpp"
 
 #include <gtest/gtest.h>
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string_view>
 
-#include "QuillfortAgent/StoredPromptPreference.hpp"
+#include "QuillfortAgent/coordinator/StoredPromptPreference.hpp"
 #include "contracts/FlowPromptRuleBuilder.hpp"
 #include "platform/InMemoryUserDefaults.hpp"
 #include "tests/contracts/FlowPromptSamples.hpp"

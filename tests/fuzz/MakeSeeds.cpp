@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "QuillfortAgent/StoredPromptPreference.hpp"
+#include "QuillfortAgent/coordinator/StoredPromptPreference.hpp"
 #include "contracts/PromptAgentAutomationCommand.hpp"
 #include "contracts/PromptAgentStatusSnapshot.hpp"
 #include "contracts/PromptFrame.hpp"

@@ -13,7 +13,7 @@
 
 #include <gtest/gtest.h>
 
-#include "QuillfortAgent/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/ui/AgentPromptWindowPresenter.hpp"
 #include "QuillfortAgent/ui/AgentPromptWindowView.hpp"
 #include "QuillfortAgent/ui/TrafficPromptView.hpp"
