@@ -1179,8 +1179,9 @@ struct FilterDaemon::State {
                     } else if ((event->mask & (IN_CREATE | IN_MOVED_TO | IN_IGNORED)) != 0) {
                         // Watching a folder above the shared one: only the
                         // next folder on the way appearing matters.
-                        const auto next = container.lexically_relative(folderWatched).begin();
-                        if ((event->mask & IN_IGNORED) || name == next->string()) folderMoved = true;
+                        const auto below = container.lexically_relative(folderWatched);
+                        if ((event->mask & IN_IGNORED) || (!below.empty() && name == below.begin()->string()))
+                            folderMoved = true;
                     }
                 }
                 offset += sizeof(inotify_event) + event->len;
