@@ -1134,7 +1134,9 @@ struct FilterDaemon::State {
     // Watches the shared folder, or while it does not exist yet, the nearest
     // folder above it that does, to notice it being made.
     void watchFolder() {
-        if (folderWatch >= 0) ::inotify_rm_watch(inotify.get(), folderWatch);
+        // One directory has one watch: when the configuration's folder is the
+        // one watched here as well, removing it would end both.
+        if (folderWatch >= 0 && folderWatch != configurationWatch) ::inotify_rm_watch(inotify.get(), folderWatch);
         folderWatch = -1;
         if (!folder || !inotify) return;
         auto target = folder->container();
