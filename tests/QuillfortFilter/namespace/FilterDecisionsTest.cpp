@@ -113,6 +113,7 @@ TEST_F(FilterDecisions, APromptHoldsOnlyItsFlowsAndOneAnswerDecidesEveryFlowLike
 TEST_F(FilterDecisions, AProcessThatExitedBeforeItsPacketWasReadIsStillNamed) {
     box.writeConfiguration(R"({"unknownTrafficMode": "blocking"})");
     box.startFilter();
+    ASSERT_TRUE(box.status());
     if (box.status()->attribution != "socket-owner programs")
         GTEST_SKIP() << "the socket-owner kernel programs cannot run here: " << box.filterLog();
 
@@ -178,6 +179,7 @@ TEST_F(FilterDecisions, ADropRuleOutlivesACorruptSnapshotAndARestart) {
 
     ASSERT_EQ(box.stopFilter(), 0);
     box.startFilter();
+    ASSERT_TRUE(box.status());
     EXPECT_EQ(box.status()->ruleSource, "last good copy");
     EXPECT_FALSE(connects(9400));
     EXPECT_NE(box.filterLog().find("keeping the 1 rules last loaded"), std::string::npos) << box.filterLog();

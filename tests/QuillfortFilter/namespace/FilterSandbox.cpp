@@ -76,8 +76,8 @@ void FilterSandbox::launchAgent() {
 
 void FilterSandbox::startFilter(const std::vector<std::string>& arguments) {
     std::vector<std::string> all{"--include-loopback", "--home", home().string(),
-                                 "--state-dir", (home() / "state").string(),
-                                 "--status-file", (home() / "filter-status.json").string(),
+                                 "--state-dir", (filterFiles_.path() / "state").string(),
+                                 "--status-file", (filterFiles_.path() / "filter-status.json").string(),
                                  "--config", (home() / "filter.json").string(),
                                  "--agent-port", std::to_string(agentPort_)};
     all.insert(all.end(), arguments.begin(), arguments.end());
@@ -114,7 +114,7 @@ void FilterSandbox::writeRules(const std::vector<Rule>& rules) {
 }
 
 std::optional<QuillfortFilterStatus> FilterSandbox::status() const {
-    auto decoded = decodeJson<QuillfortFilterStatus>(readText(home() / "filter-status.json").value_or(""));
+    auto decoded = decodeJson<QuillfortFilterStatus>(readText(filterFiles_.path() / "filter-status.json").value_or(""));
     return decoded ? std::optional(*decoded) : std::nullopt;
 }
 

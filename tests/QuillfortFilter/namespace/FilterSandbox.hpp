@@ -80,6 +80,8 @@ public:
 
 private:
     AgentSandbox agent_;
+    // The filter's own files (status, copy of the rules) stay root's, outside the home.
+    TemporaryDirectory filterFiles_;
     std::optional<ChildProcess> filter_;
     std::uint16_t agentPort_ = 1;  // no agent unless launched
 };

@@ -109,7 +109,18 @@ def resolve_connect(server, name, port, timeout):
     return connect(target, port, timeout)
 
 
+def query(server, name):
+    """Asks `server` (address:port) about NAME and says how long the answer was."""
+    address, server_port = server.rsplit(":", 1)
+    message = struct.pack(">HHHHHH", 0x4343, 0x0100, 1, 0, 0, 0) + encode_name(name) + struct.pack(">HH", 1, 1)
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+        s.settimeout(5)
+        s.sendto(message, (address, int(server_port)))
+        print(f"answer {len(s.recv(65535))} bytes")
+    return 0
+
+
 if __name__ == "__main__":
     commands = {"connect": connect, "send-udp": send_udp, "count-udp": count_udp, "dns-server": dns_server,
-                "resolve-connect": resolve_connect}
+                "resolve-connect": resolve_connect, "query": query}
     sys.exit(commands[sys.argv[1]](*sys.argv[2:]))
