@@ -670,8 +670,6 @@ struct FilterDaemon::State {
                 static_cast<std::int64_t>(*boot + ticks / static_cast<std::uint64_t>(processes.procfs().clockTicksPerSecond))));
         node.tags = ProcessTags::classify(identity);
         node.state = ProcessState::exited;
-        processLog().log("Process %{public}d had exited when its flow was read; named from the kernel's record as %{public}s.",
-                         identity.pid, identity.executablePath);
         return node;
     }
 
@@ -689,7 +687,7 @@ struct FilterDaemon::State {
         if (!wanted) return false;
         bool missing = false;
         for (const auto* record : recordsOf(flow)) {
-            if (!record->executableKey || record->node.identity.cdHash) continue;
+            if (!record->executableKey || record->codeIdentityKnown) continue;
             if (auto known = identities->cached(*record->executableKey)) {
                 processes.setCodeIdentity(*record->executableKey, *known);
                 continue;
@@ -703,7 +701,7 @@ struct FilterDaemon::State {
         if (parked.size() >= maximumParkedFlows) return false;
         ParkedFlow waiting{std::move(packets), std::move(flow), now, {}};
         for (const auto* record : recordsOf(waiting.flow)) {
-            if (!record->executableKey || record->node.identity.cdHash) continue;
+            if (!record->executableKey || record->codeIdentityKnown) continue;
             const auto& key = *record->executableKey;
             waiting.waitingFor.insert({key.inode, static_cast<std::uint64_t>(key.modificationNs)});
             const auto pid = record->node.identity.pid;

@@ -117,6 +117,7 @@ void ProcessCache::setCodeIdentity(const ExecutableFileKey& key, const Executabl
         if (entry.record->executableKey != key) continue;
         entry.record->node.identity.cdHash = identity.cdHash;
         entry.record->node.identity.signingID = identity.signingID;
+        entry.record->codeIdentityKnown = true;
     }
 }
 

@@ -24,6 +24,7 @@ struct ProcessRecord {
     std::int32_t parentPid = 0;
     std::uint64_t startTicks = 0;
     std::optional<ExecutableFileKey> executableKey;
+    bool codeIdentityKnown = false;  // cdHash and signingID hold what could be found (maybe nothing)
     std::chrono::steady_clock::time_point checkedAt{};
 };
 
