@@ -87,6 +87,15 @@ TEST_F(FilterConfinement, ASnapshotLinkedToARootOnlySnapshotLoadsNoneOfItsRules)
     EXPECT_NE(status->ruleProblem->find("refused"), std::string::npos) << *status->ruleProblem;
     EXPECT_NE(box.runPeer({"connect", "127.0.0.1", "9901", "1"}).status, 0);
     EXPECT_EQ(box.filterLog().find("SECRET"), std::string::npos);
+
+    // Set up, the filter keeps only what it uses: CAP_DAC_READ_SEARCH (2),
+    // CAP_SETGID (6), CAP_SETUID (7), CAP_NET_ADMIN (12), CAP_SYS_PTRACE (19).
+    const auto procStatus = readText(fs::path("/proc") / std::to_string(box.filterPid()) / "status").value_or("");
+    for (const char* set : {"CapEff:\t", "CapPrm:\t", "CapBnd:\t"}) {
+        const auto at = procStatus.find(set);
+        ASSERT_NE(at, std::string::npos);
+        EXPECT_EQ(std::stoull(procStatus.substr(at + 8, 16), nullptr, 16), 0x810c4ull) << set;
+    }
 }
 
 TEST_F(FilterConfinement, HostileResolverAnswersLeaveTheFilterRunningAndDeciding) {

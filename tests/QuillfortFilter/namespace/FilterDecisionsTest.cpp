@@ -32,6 +32,22 @@ private:
     FileDescriptor socket_;
 };
 
+// The same on ::1.
+class Listener6 {
+public:
+    explicit Listener6(std::uint16_t port) : socket_(::socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in6 where{};
+        where.sin6_family = AF_INET6;
+        where.sin6_port = htons(port);
+        where.sin6_addr = in6addr_loopback;
+        if (::bind(socket_.get(), reinterpret_cast<sockaddr*>(&where), sizeof where) != 0 || ::listen(socket_.get(), 8) != 0)
+            throw std::runtime_error("cannot listen on [::1]:" + std::to_string(port));
+    }
+
+private:
+    FileDescriptor socket_;
+};
+
 class FilterDecisions : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -60,6 +76,8 @@ TEST_F(FilterDecisions, RulesDecideAndEveryDecisionIsRecordedWithItsSourceAndPro
     EXPECT_TRUE(connects(9001));
     EXPECT_FALSE(connects(9002));
     EXPECT_FALSE(connects(9003));
+    Listener6 allowed6(9001);
+    EXPECT_EQ(box.runPeer({"connect", "::1", "9001", "1.5"}).status, 0);
 
     auto allow = box.waitForEvent(toPort(9001));
     ASSERT_TRUE(allow);
@@ -72,6 +90,13 @@ TEST_F(FilterDecisions, RulesDecideAndEveryDecisionIsRecordedWithItsSourceAndPro
     EXPECT_EQ(process->identity.argv.at(2), "connect");
     ASSERT_FALSE(allow->context.ancestorChain.empty());  // the test binary that started it
     EXPECT_EQ(allow->context.ancestorChain.front().identity.pid, ::getpid());
+
+    auto overIPv6 = box.waitForEvent([](const FlowFilterEvent& e) {
+        return e.context.flow.remoteEndpoint && e.context.flow.remoteEndpoint->host == "::1";
+    });
+    ASSERT_TRUE(overIPv6);
+    EXPECT_EQ(overIPv6->decision->matchedRuleID, allowRule.id);
+    EXPECT_EQ(overIPv6->context.matchedProcessNode->identity.executablePath, FilterSandbox::python());
 
     auto drop = box.waitForEvent(toPort(9002));
     ASSERT_TRUE(drop);

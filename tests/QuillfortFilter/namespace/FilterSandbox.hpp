@@ -48,6 +48,7 @@ public:
     // Signals the filter and waits for its exit status.
     std::optional<int> stopFilter(int signal = SIGTERM);
     void pauseFilter(bool paused);
+    [[nodiscard]] pid_t filterPid() const { return filter_ ? filter_->pid() : -1; }
     [[nodiscard]] std::string filterLog() const;
     bool waitForFilterLog(const std::string& fragment, std::chrono::seconds limit = processDeadline);
 
