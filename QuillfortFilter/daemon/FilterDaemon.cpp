@@ -7,12 +7,8 @@
 #include <systemd/sd-login.h>
 #include <unistd.h>
 
-#include <condition_variable>
-#include <deque>
 #include <fstream>
 #include <map>
-#include <mutex>
-#include <thread>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -21,31 +17,25 @@
 #include <boost/asio/steady_timer.hpp>
 #include <fmt/format.h>
 
-#include "QuillfortFilter/bpf/BpfSocketOwners.hpp"
 #include "QuillfortFilter/daemon/Privileges.hpp"
 #include "QuillfortFilter/daemon/UserFolder.hpp"
+#include "QuillfortFilter/flows/FlowAttributor.hpp"
 #include "QuillfortFilter/flows/FlowEventLog.hpp"
-#include "QuillfortFilter/flows/HostNameCache.hpp"
 #include "QuillfortFilter/flows/PendingPrompts.hpp"
 #include "QuillfortFilter/kernel/DnsAnswerLog.hpp"
 #include "QuillfortFilter/kernel/FilterKernelRules.hpp"
 #include "QuillfortFilter/kernel/PacketQueue.hpp"
-#include "QuillfortFilter/process/ExecutableIdentities.hpp"
-#include "QuillfortFilter/process/ProcessCache.hpp"
-#include "QuillfortFilter/process/ProcessTags.hpp"
-#include "QuillfortFilter/process/SocketInodeIndex.hpp"
 #include "QuillfortFilter/rules/FlowPolicy.hpp"
 #include "QuillfortFilter/rules/RuleIndex.hpp"
 #include "contracts/FlowPromptResolution.hpp"
 #include "contracts/QuillfortFilterStatus.hpp"
 #include "contracts/QuillfortInternalPromptTransport.hpp"
 #include "contracts/QuillfortPromptAgentClient.hpp"
-#include "contracts/QuillfortSharedContainer.hpp"
 #include "contracts/JsonFileStore.hpp"
+#include "contracts/QuillfortSharedContainer.hpp"
 #include "model/Text.hpp"
 #include "platform/LoginSessions.hpp"
 #include "platform/PosixFileSystem.hpp"
-#include "platform/SocketDiagnostics.hpp"
 #include "platform/UserDatabase.hpp"
 #include "support/QuillfortLogger.hpp"
 
@@ -72,12 +62,6 @@ constexpr auto complaintInterval = 60s;
 Logger flowLog() { return QuillfortLogger::logger(QuillfortLogCategory::flowFilter); }
 Logger packetLog() { return QuillfortLogger::logger(QuillfortLogCategory::packetFilter); }
 Logger processLog() { return QuillfortLogger::logger(QuillfortLogCategory::processObserver); }
-
-TransportProtocol transportOf(std::uint8_t protocol) {
-    return protocol == PacketParser::tcp ? TransportProtocol::tcp
-           : protocol == PacketParser::udp ? TransportProtocol::udp
-                                           : TransportProtocol::unknown;
-}
 
 std::uint64_t netnsCookie() {
     FileDescriptor probe(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
@@ -109,98 +93,10 @@ private:
     std::uint64_t suppressed_ = 0;
 };
 
-// Hashing and package look-ups, off the event loop.
-class IdentityWorker {
-public:
-    using Done = std::function<void(ExecutableFileKey, ExecutableCodeIdentity)>;
-    struct Job {
-        ExecutableFileKey key;
-        std::filesystem::path executable;
-        std::string executablePath;
-        std::optional<std::filesystem::path> processRoot;
-    };
-
-    IdentityWorker(std::shared_ptr<ExecutableIdentities> identities, Done done)
-        : identities_(std::move(identities)), done_(std::move(done)), thread_([this] { work(); }) {}
-    ~IdentityWorker() {
-        {
-            std::lock_guard lock(mutex_);
-            stopping_ = true;
-        }
-        wake_.notify_all();
-        thread_.join();
-    }
-
-    void submit(Job job) {
-        {
-            std::lock_guard lock(mutex_);
-            if (queued_.contains(job.key)) return;
-            queued_.insert(job.key);
-            jobs_.push_back(std::move(job));
-        }
-        wake_.notify_one();
-    }
-
-private:
-    struct KeyLess {
-        bool operator()(const ExecutableFileKey& a, const ExecutableFileKey& b) const {
-            return std::tie(a.device, a.inode, a.modificationNs, a.size) <
-                   std::tie(b.device, b.inode, b.modificationNs, b.size);
-        }
-    };
-
-    void work() {
-        for (;;) {
-            Job job;
-            {
-                std::unique_lock lock(mutex_);
-                wake_.wait(lock, [this] { return stopping_ || !jobs_.empty(); });
-                if (stopping_) return;
-                job = std::move(jobs_.front());
-                jobs_.pop_front();
-            }
-            auto identity = identities_->compute(job.key, job.executable, job.executablePath, job.processRoot);
-            {
-                std::lock_guard lock(mutex_);
-                queued_.erase(job.key);
-            }
-            done_(job.key, std::move(identity));
-        }
-    }
-
-    std::shared_ptr<ExecutableIdentities> identities_;
-    Done done_;
-    std::mutex mutex_;
-    std::condition_variable wake_;
-    std::deque<Job> jobs_;
-    std::set<ExecutableFileKey, KeyLess> queued_;
-    bool stopping_ = false;
-    std::thread thread_;
-};
-
-// A flow as attribution found it.
-struct Attributed {
-    FlowTuple tuple;
-    std::shared_ptr<const ProcessRecord> process;
-    std::optional<ProcessNode> exitedProcess;  // named from the kernel's record after it exited
-    std::vector<std::shared_ptr<const ProcessRecord>> ancestors;
-    bool kernel = false;
-    bool noLocalSocket = false;  // inbound to a port nothing listens on
-    std::int32_t exitedParentPid = 0;
-    std::optional<std::uint32_t> uid;
-    std::optional<HostNameMatch> names;
-
-    [[nodiscard]] const ProcessNode* node() const {
-        if (process) return &process->node;
-        if (exitedProcess) return &*exitedProcess;
-        return nullptr;
-    }
-};
-
 // A flow waiting for the code identity of its executables.
 struct ParkedFlow {
     std::vector<std::uint32_t> packets;
-    Attributed flow;
+    AttributedFlow flow;
     SteadyClock::time_point arrivedAt;
     std::set<std::pair<std::uint64_t, std::uint64_t>> waitingFor;  // (inode, mtime) of executables
 };
@@ -211,22 +107,12 @@ struct Shadow {
     SteadyClock::time_point expires;
 };
 
-ProcessNode kernelNode() {
-    ProcessNode node;
-    node.identity.pid = 0;
-    node.identity.executablePath = std::string(RuleMatcher::kernelExecutable);
-    node.identity.auditToken = ProcessLineage::auditToken(0, 0);
-    return node;
-}
-
 }  // namespace
 
 struct FilterDaemon::State {
     explicit State(FilterOptions opts)
         : options(std::move(opts)),
-          processes(ProcessLineage::ProcfsView::system()),
-          inodes(ProcessLineage::ProcfsView::system()),
-          identities(std::make_shared<ExecutableIdentities>()),
+          attribution(ProcessLineage::ProcfsView::system(), std::make_shared<ExecutableIdentities>()),
           bootstrap(FlowPolicy::bootstrapRules()) {}
 
     FilterOptions options;
@@ -240,17 +126,11 @@ struct FilterDaemon::State {
     std::optional<DnsAnswerLog> dnsLog;
     std::optional<asio::posix::stream_descriptor> dnsWatch;
     std::optional<FilterKernelRules> kernelRules;
-    std::unique_ptr<BpfSocketOwners> bpf;
-    std::optional<SocketDiagnostics> sockets;
-    std::uint64_t netns = 0;
     std::int32_t selfPid = static_cast<std::int32_t>(::getpid());
 
-    ProcessCache processes;
-    SocketInodeIndex inodes;
-    std::shared_ptr<ExecutableIdentities> identities;
+    FlowAttributor attribution;
     std::unique_ptr<IdentityWorker> worker;
     std::vector<ParkedFlow> parked;
-    HostNameCache hostNames;
 
     RuleIndex rules;
     RuleIndex bootstrap;
@@ -416,9 +296,10 @@ struct FilterDaemon::State {
     }
 
     bool setUpKernelSide() {
-        auto sockets_ = SocketDiagnostics::open();
-        if (sockets_) sockets.emplace(std::move(*sockets_));
-        else processLog().error("Cannot ask the kernel about sockets: %{public}s", sockets_.error().description);
+        if (auto sockets = SocketDiagnostics::open())
+            attribution.useSocketDiagnostics(std::move(*sockets));
+        else
+            processLog().error("Cannot ask the kernel about sockets: %{public}s", sockets.error().description);
 
         PacketQueueOptions queueOptions;
         queueOptions.queue = options.queue;
@@ -434,7 +315,7 @@ struct FilterDaemon::State {
         else packetLog().error("DNS answers cannot be read; flows carry addresses only: %{public}s",
                                log.error().description);
 
-        netns = netnsCookie();
+        const std::uint64_t netns = netnsCookie();
         if (options.useSocketOwnerPrograms) {
             std::ifstream mountinfo("/proc/self/mountinfo");
             std::string text((std::istreambuf_iterator<char>(mountinfo)), std::istreambuf_iterator<char>());
@@ -442,7 +323,7 @@ struct FilterDaemon::State {
             auto loaded = root ? BpfSocketOwners::load(netns, *root)
                                : Result<std::unique_ptr<BpfSocketOwners>>(std::unexpected(
                                      Error::withMessage("no cgroup v2 hierarchy is mounted")));
-            if (loaded) bpf = std::move(*loaded);
+            if (loaded) attribution.useSocketOwners(std::move(*loaded), netns);
             else processLog().error("Socket owners are found through sock_diag and /proc instead: %{public}s",
                                     loaded.error().description);
         }
@@ -486,40 +367,17 @@ struct FilterDaemon::State {
 
     void readDnsAnswers() {
         if (!dnsLog) return;
-        auto read = dnsLog->receive([this](std::span<const std::uint8_t> bytes) { learnFromAnswer(bytes); });
-        if (!read) dnsComplaint(packetLog(), "Reading DNS answers failed: %{public}s", read.error().description);
-    }
-
-    void learnFromAnswer(std::span<const std::uint8_t> bytes) {
-        auto headers = PacketParser::parse(bytes);
-        if (!headers || !headers->destinationPort) return;
-        auto payload = bytes.subspan(headers->payloadOffset, headers->payloadLength);
-        if (headers->protocol == PacketParser::tcp) payload = DnsParser::messageInTcpPayload(payload);
-        if (payload.empty()) return;  // a bare acknowledgement of a TCP exchange
-        auto response = DnsParser::parseResponse(payload);
-        if (!response) {
-            // Failed lookups (NXDOMAIN and the like) are not hostile; only
-            // successful-looking answers that do not parse are worth a line.
-            if (payload.size() >= 4 && (payload[2] & 0x80) != 0 && (payload[3] & 0x0f) == 0) {
-                ++counters.dnsAnswersRefused;
-                dnsComplaint(packetLog(), "A DNS answer from %{public}s could not be read; it was ignored.",
-                             headers->source.toString());
+        auto read = dnsLog->receive([this](std::span<const std::uint8_t> bytes) {
+            switch (attribution.learnFromDnsAnswer(bytes, SteadyClock::now())) {
+                case FlowAttributor::Answer::learned: ++counters.dnsAnswersSeen; break;
+                case FlowAttributor::Answer::refused:
+                    ++counters.dnsAnswersRefused;
+                    dnsComplaint(packetLog(), "A DNS answer could not be read; it was ignored.");
+                    break;
+                case FlowAttributor::Answer::ignored: break;
             }
-            return;
-        }
-        ++counters.dnsAnswersSeen;
-        std::uint32_t receiver = 0;
-        if (bpf) {
-            qf_flow_key key{};
-            key.netns_cookie = netns;
-            key.family = headers->source.family == IpAddress::Family::v4 ? 2 : 10;
-            key.protocol = headers->protocol;
-            key.local_port = *headers->destinationPort;
-            key.remote_port = headers->sourcePort.value_or(53);
-            std::copy(headers->source.bytes.begin(), headers->source.bytes.end(), key.remote_address);
-            if (auto owner = bpf->flowOwner(key)) receiver = owner->tgid;
-        }
-        hostNames.record(*response, receiver, SteadyClock::now());
+        });
+        if (!read) dnsComplaint(packetLog(), "Reading DNS answers failed: %{public}s", read.error().description);
     }
 
     void serveQueue() {
@@ -577,9 +435,9 @@ struct FilterDaemon::State {
                 return;
             }
         const auto now = SteadyClock::now();
-        Attributed flow = attribute(packet, *tuple, now);
+        AttributedFlow flow = attribution.attribute(packet, *tuple, now);
         if (flow.noLocalSocket) return verdict(packet.id, true);  // the kernel answers it as closed
-        if (needsIdentity(flow, identityNeededForRules)) {
+        if (identityNeededForRules && attribution.needsCodeIdentity(flow)) {
             if (park({packet.id}, std::move(flow), now)) return;
         }
         decide({packet.id}, flow, now);
@@ -587,135 +445,21 @@ struct FilterDaemon::State {
 
     // --- attribution ---------------------------------------------------------------
 
-    std::uint64_t ticksOf(std::uint64_t startNs) const {
-        const auto ticks = processes.procfs().clockTicksPerSecond;
-        return ticks > 0 ? startNs / (1'000'000'000ull / static_cast<std::uint64_t>(ticks)) : 0;
-    }
-
-    Attributed attribute(const QueuedPacket& packet, const FlowTuple& tuple, SteadyClock::time_point now) {
-        Attributed flow;
-        flow.tuple = tuple;
-        flow.uid = packet.uid;
-        std::optional<std::int32_t> pid;
-        std::optional<std::uint64_t> startTicks;
-        if (tuple.direction == FlowDirection::outbound) {
-            std::optional<qf_flow_owner> owner;
-            if (bpf) {
-                qf_flow_key key{};
-                key.netns_cookie = netns;
-                key.family = tuple.remote.address.family == IpAddress::Family::v4 ? 2 : 10;
-                key.protocol = tuple.protocol;
-                key.local_port = tuple.local.port;
-                key.remote_port = tuple.remote.port;
-                std::copy(tuple.remote.address.bytes.begin(), tuple.remote.address.bytes.end(), key.remote_address);
-                owner = bpf->flowOwner(key);
-            }
-            if (owner) {
-                if (owner->tgid == 0) {
-                    flow.kernel = true;
-                } else {
-                    pid = static_cast<std::int32_t>(owner->tgid);
-                    startTicks = ticksOf(owner->start_boottime_ns);
-                    flow.uid = owner->uid;
-                    flow.process = processes.process(*pid, startTicks, now);
-                    if (!flow.process) {
-                        flow.exitedProcess = exitedNode(*owner);
-                        flow.exitedParentPid = static_cast<std::int32_t>(owner->parent_tgid);
-                    }
-                }
-            } else if (!packet.uid) {
-                // No socket of any process sent it: the kernel's own traffic.
-                flow.kernel = true;
-            }
-        }
-        if (!flow.kernel && !flow.process && !flow.exitedProcess && sockets) {
-            const auto protocol = tuple.protocol == PacketParser::tcp ? SocketDiagnostics::Protocol::tcp
-                                                                      : SocketDiagnostics::Protocol::udp;
-            auto found = sockets->lookup(protocol, tuple.local, tuple.remote);
-            if (found && *found) {
-                flow.uid = (*found)->uid;
-                if (auto holder = inodes.owner((*found)->inode, now)) flow.process = processes.process(*holder, std::nullopt, now);
-            } else if (found && tuple.direction == FlowDirection::inbound) {
-                flow.noLocalSocket = true;
-            }
-        }
-        if (const ProcessNode* node = flow.node(); node && node->identity.pid > 0) {
-            if (flow.process) {
-                flow.ancestors = processes.ancestors(*flow.process, now);
-            } else if (flow.exitedProcess && flow.exitedParentPid > 0) {
-                if (auto record = processes.process(flow.exitedParentPid, std::nullopt, now)) {
-                    flow.ancestors.push_back(record);
-                    auto rest = processes.ancestors(*record, now);
-                    flow.ancestors.insert(flow.ancestors.end(), rest.begin(), rest.end());
-                }
-            }
-        }
-        const std::uint32_t tgid = flow.node() ? static_cast<std::uint32_t>(flow.node()->identity.pid) : 0;
-        flow.names = hostNames.lookup(tuple.remote.address, tgid, now);
-        return flow;
-    }
-
-    ProcessNode exitedNode(const qf_flow_owner& owner) {
-        ProcessNode node;
-        auto& identity = node.identity;
-        identity.pid = static_cast<std::int32_t>(owner.tgid);
-        const auto ticks = ticksOf(owner.start_boottime_ns);
-        identity.auditToken = ProcessLineage::auditToken(identity.pid, ticks);
-        std::string comm(owner.comm, strnlen(owner.comm, sizeof owner.comm));
-        auto path = bpf ? bpf->execPath(owner.tgid, owner.start_boottime_ns) : std::nullopt;
-        identity.executablePath = path && path->starts_with('/') ? text::validUtf8(*path) : "[" + text::validUtf8(comm) + "]";
-        identity.userID = owner.uid;
-        if (auto boot = processes.procfs().bootTimeSeconds; boot && processes.procfs().clockTicksPerSecond > 0)
-            identity.launchTime = Date(std::chrono::seconds(
-                static_cast<std::int64_t>(*boot + ticks / static_cast<std::uint64_t>(processes.procfs().clockTicksPerSecond))));
-        node.tags = ProcessTags::classify(identity);
-        node.state = ProcessState::exited;
-        return node;
-    }
-
     // --- code identity -------------------------------------------------------------
 
-    std::vector<const ProcessRecord*> recordsOf(const Attributed& flow) const {
-        std::vector<const ProcessRecord*> records;
-        if (flow.process) records.push_back(flow.process.get());
-        for (const auto& ancestor : flow.ancestors) records.push_back(ancestor.get());
-        return records;
-    }
-
-    // Fills what is known; true when some executable still needs hashing.
-    bool needsIdentity(const Attributed& flow, bool wanted) {
-        if (!wanted) return false;
-        bool missing = false;
-        for (const auto* record : recordsOf(flow)) {
-            if (!record->executableKey || record->codeIdentityKnown) continue;
-            if (auto known = identities->cached(*record->executableKey)) {
-                processes.setCodeIdentity(*record->executableKey, *known);
-                continue;
-            }
-            missing = true;
-        }
-        return missing;
-    }
-
-    bool park(std::vector<std::uint32_t> packets, Attributed flow, SteadyClock::time_point now) {
+    bool park(std::vector<std::uint32_t> packets, AttributedFlow flow, SteadyClock::time_point now) {
         if (parked.size() >= maximumParkedFlows) return false;
         ParkedFlow waiting{std::move(packets), std::move(flow), now, {}};
-        for (const auto* record : recordsOf(waiting.flow)) {
-            if (!record->executableKey || record->codeIdentityKnown) continue;
-            const auto& key = *record->executableKey;
-            waiting.waitingFor.insert({key.inode, static_cast<std::uint64_t>(key.modificationNs)});
-            const auto pid = record->node.identity.pid;
-            worker->submit({key, processes.procfs().root / std::to_string(pid) / "exe",
-                            record->node.identity.executablePath,
-                            processes.procfs().root / std::to_string(pid) / "root"});
+        for (auto& job : attribution.codeIdentityJobs(waiting.flow)) {
+            waiting.waitingFor.insert({job.key.inode, static_cast<std::uint64_t>(job.key.modificationNs)});
+            worker->submit(std::move(job));
         }
         parked.push_back(std::move(waiting));
         return true;
     }
 
     void identityComputed(const ExecutableFileKey& key, const ExecutableCodeIdentity& identity) {
-        processes.setCodeIdentity(key, identity);
-        counters.executableIdentities = identities->size();
+        attribution.codeIdentityFound(key, identity);
         const auto now = SteadyClock::now();
         std::vector<ParkedFlow> ready;
         for (auto it = parked.begin(); it != parked.end();) {
@@ -737,54 +481,7 @@ struct FilterDaemon::State {
 
     // --- deciding ------------------------------------------------------------------
 
-    // Facts point into `context`, which must outlive them.
-    static FlowFacts factsOf(const FlowContext& context, const Attributed& flow) {
-        FlowFacts facts;
-        if (context.matchedProcessNode) facts.process = &*context.matchedProcessNode;
-        for (const auto& ancestor : context.ancestorChain) facts.ancestors.push_back(&ancestor);
-        if (flow.names)
-            for (const auto& name : flow.names->names) facts.hostNames.push_back(name);
-        facts.hostNames.push_back(flow.tuple.remote.address.toString());
-        facts.remoteAddress = flow.tuple.remote.address;
-        facts.port = context.flow.port;
-        facts.protocol = context.flow.transportProtocol;
-        facts.direction = context.flow.direction;
-        return facts;
-    }
-
-    FlowContext contextOf(const Attributed& flow, SteadyClock::time_point) {
-        FlowContext context;
-        auto& identity = context.flow;
-        identity.extensionGeneratedID = fmt::format("quillfort-filter-{}-{}", selfPid, ++flowCounter);
-        identity.direction = flow.tuple.direction;
-        identity.transportProtocol = transportOf(flow.tuple.protocol);
-        identity.localEndpoint = NetworkEndpoint{flow.tuple.local.address.toString(), flow.tuple.local.port};
-        identity.remoteEndpoint = NetworkEndpoint{flow.tuple.remote.address.toString(), flow.tuple.remote.port};
-        identity.port = flow.tuple.direction == FlowDirection::outbound ? flow.tuple.remote.port : flow.tuple.local.port;
-        identity.timestamp = dateFrom(std::chrono::system_clock::now());
-        if (flow.kernel) {
-            context.matchedProcessNode = kernelNode();
-        } else if (const ProcessNode* node = flow.node()) {
-            context.matchedProcessNode = *node;
-            identity.sourceProcessAuditToken = node->identity.auditToken;
-            identity.sourceAppAuditToken = node->identity.auditToken;
-            Bytes child = node->identity.auditToken;
-            for (const auto& ancestor : flow.ancestors) {
-                ProcessNode copy = ancestor->node;
-                copy.childAuditTokens = {child};
-                child = copy.identity.auditToken;
-                context.ancestorChain.push_back(std::move(copy));
-            }
-            ProcessTags::inherit(*context.matchedProcessNode, context.ancestorChain);
-        }
-        if (flow.names && !flow.names->names.empty()) {
-            context.matchedHostname = flow.names->names.front();
-            context.dnsConfidence = flow.names->confidence;
-        }
-        return context;
-    }
-
-    PromptKey promptKeyOf(const FlowContext& context, const Attributed& flow) const {
+    PromptKey promptKeyOf(const FlowContext& context, const AttributedFlow& flow) const {
         PromptKey key;
         key.executable = context.matchedProcessNode ? context.matchedProcessNode->identity.executablePath : "";
         key.uid = flow.uid.value_or(UINT32_MAX);
@@ -836,11 +533,12 @@ struct FilterDaemon::State {
         return std::chrono::duration<double, std::milli>(SteadyClock::now() - start).count();
     }
 
-    void decide(const std::vector<std::uint32_t>& packets, const Attributed& flow, SteadyClock::time_point now,
+    void decide(const std::vector<std::uint32_t>& packets, const AttributedFlow& flow, SteadyClock::time_point now,
                 std::optional<SteadyClock::time_point> arrivedAt = std::nullopt) {
         const auto started = arrivedAt.value_or(now);
-        FlowContext context = contextOf(flow, now);
-        const FlowFacts facts = factsOf(context, flow);
+        FlowContext context =
+            FlowAttributor::context(flow, fmt::format("quillfort-filter-{}-{}", selfPid, ++flowCounter));
+        const FlowFacts facts = FlowAttributor::facts(context, flow);
 
         const bool ownFlow = flow.node() && flow.node()->identity.pid == selfPid;
         if (ownFlow || QuillfortInternalPromptTransport::shouldBypass(context)) {
@@ -878,7 +576,7 @@ struct FilterDaemon::State {
 
     // --- prompts -------------------------------------------------------------------
 
-    void ask(const std::vector<std::uint32_t>& packets, const Attributed& flow, FlowContext context,
+    void ask(const std::vector<std::uint32_t>& packets, const AttributedFlow& flow, FlowContext context,
              const PromptKey& key, SteadyClock::time_point started) {
         FlowPromptRequest request{Uuid::random(), context, std::nullopt};
         // An unattended answer configured for this destination needs nobody.
@@ -888,7 +586,7 @@ struct FilterDaemon::State {
             }
         }
         // The prompt shows the program's signer: found first, off the loop.
-        if (!pending.find(key) && needsIdentity(flow, true) && park(packets, flow, started)) return;
+        if (!pending.find(key) && attribution.needsCodeIdentity(flow) && park(packets, flow, started)) return;
         HeldFlow held{flow.tuple, packets, context, started};
         auto holding = pending.hold(key, std::move(held), request, SteadyClock::now());
         if (!holding) {
@@ -914,6 +612,7 @@ struct FilterDaemon::State {
     // The loopback listener is used only when it belongs to the user served
     // (or to root): anyone may listen on a free port while no agent does.
     bool loopbackTrusted() const {
+        const auto& sockets = attribution.socketDiagnostics();
         if (!sockets || !folder) return false;
         IpEndpoint listener{*IpAddress::parse("127.0.0.1"), options.agentLoopbackPort};
         auto found = sockets->lookup(SocketDiagnostics::Protocol::tcp, listener, IpEndpoint{});
@@ -1073,9 +772,10 @@ struct FilterDaemon::State {
         filterComponent.lastUpdatedAt = status.updatedAt;
         QuillfortComponentStatus observer;
         observer.component = QuillfortProtectedComponent::processObserver;
-        observer.state = bpf ? QuillfortActivationState::running : QuillfortActivationState::degraded;
-        observer.summary = bpf ? "Socket owners recorded in the kernel" : "Socket owners found through /proc";
-        observer.detail = bpf ? "Flows of processes that exit at once are still named."
+        const bool owners = attribution.hasSocketOwners();
+        observer.state = owners ? QuillfortActivationState::running : QuillfortActivationState::degraded;
+        observer.summary = owners ? "Socket owners recorded in the kernel" : "Socket owners found through /proc";
+        observer.detail = owners ? "Flows of processes that exit at once are still named."
                               : "A process that exits before its flow is read cannot be named.";
         observer.bundleIdentifier = "quillfort-filter";
         observer.isBundled = true;
@@ -1086,7 +786,7 @@ struct FilterDaemon::State {
         status.unknownTrafficMode = settings.unknownTrafficMode;
         status.queue = options.queue;
         status.queueMechanism = kernelRules ? std::string(queueMechanismName(kernelRules->mechanism())) : "";
-        status.attribution = bpf ? "socket-owner programs" : "sock_diag and /proc";
+        status.attribution = owners ? "socket-owner programs" : "sock_diag and /proc";
         status.failClosed = options.failClosed;
         status.includeLoopback = options.includeLoopback;
         status.ruleCount = rules.size();
@@ -1096,11 +796,11 @@ struct FilterDaemon::State {
         status.configurationFile = options.configurationFile.string();
         counters.promptsWaiting = pending.prompts();
         counters.packetsHeld = pending.packets();
-        counters.processCacheEntries = processes.size();
-        counters.processCacheHits = processes.hits();
-        counters.processCacheMisses = processes.misses();
-        counters.hostNameCacheEntries = hostNames.size();
-        counters.executableIdentities = identities->size();
+        counters.processCacheEntries = attribution.processes().size();
+        counters.processCacheHits = attribution.processes().hits();
+        counters.processCacheMisses = attribution.processes().misses();
+        counters.hostNameCacheEntries = attribution.hostNames().size();
+        counters.executableIdentities = attribution.identities().size();
         status.counters = counters;
         std::error_code error;
         std::filesystem::create_directories(options.statusFile.parent_path(), error);
@@ -1283,7 +983,7 @@ int FilterDaemon::run() {
     // Capabilities belong to threads: they are dropped before any other thread starts.
     if (auto dropped = Privileges::keepOnly(Privileges::afterSetUp()); !dropped)
         flowLog().error("Cannot drop privileges: %{public}s", dropped.error().description);
-    s.worker = std::make_unique<IdentityWorker>(s.identities, [&s](ExecutableFileKey key, ExecutableCodeIdentity identity) {
+    s.worker = std::make_unique<IdentityWorker>(s.attribution.sharedIdentities(), [&s](ExecutableFileKey key, ExecutableCodeIdentity identity) {
         asio::post(s.io, [&s, key, identity] { s.identityComputed(key, identity); });
     });
 

@@ -103,7 +103,7 @@ TEST_F(FilterPromises, TheKernelsOwnTunnelTrafficIsDecidedAtOnceAndRecordedAsThe
         box.writeConfiguration(std::string(R"({"unknownTrafficMode": ")") + mode + "\"}");
         auto counter = ChildProcess::start("/usr/bin/nsenter",
                                            {"-t", std::to_string(peer->pid()), "-n", FilterSandbox::python(),
-                                            QUILLFORT_NETPEER, "count-udp", "10.77.0.2", "4789", "2", "0", "no"},
+                                            QUILLFORT_NETPEER, "count-udp", "10.77.0.2", "4789", "5", "1", "no"},
                                            box.agentSandbox().environment(), box.home() / "output");
         ASSERT_TRUE(eventually([&] { return counter->standardOutput().find("ready") != std::string::npos; }));
         box.startFilter();
