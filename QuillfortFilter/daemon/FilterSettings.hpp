@@ -45,6 +45,8 @@ struct FilterSettings {
     // wrong type or an unknown mode is reported in `problems` and ignored.
     [[nodiscard]] static FilterSettings from(const PropertyListDictionary& dictionary, const FilterOptions& options,
                                              std::vector<std::string>& problems);
+
+    bool operator==(const FilterSettings&) const = default;
 };
 
 // Filter-only keys of the dictionary, beside the shared ones.

@@ -1,5 +1,7 @@
 #include "QuillfortFilter/kernel/DnsAnswerLog.hpp"
 
+#include "QuillfortFilter/kernel/NetlinkMessage.hpp"
+
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nfnetlink.h>
@@ -26,11 +28,6 @@ nlmsghdr* configMessage(char* buffer, std::uint16_t group, std::uint32_t sequenc
     generic->version = NFNETLINK_V0;
     generic->res_id = htons(group);
     return header;
-}
-
-int collectPayload(const nlattr* attribute, void* data) {
-    if (mnl_attr_get_type(attribute) == NFULA_PAYLOAD) *static_cast<const nlattr**>(data) = attribute;
-    return MNL_CB_OK;
 }
 
 }  // namespace
@@ -71,14 +68,9 @@ Result<DnsAnswerLog> DnsAnswerLog::open(std::uint16_t group) {
 }
 
 std::optional<std::span<const std::uint8_t>> DnsAnswerLog::packetIn(std::span<const std::uint8_t> message) {
-    if (message.size() < sizeof(nlmsghdr)) return std::nullopt;
-    const auto* header = reinterpret_cast<const nlmsghdr*>(message.data());
-    if (header->nlmsg_len < sizeof(nlmsghdr) + sizeof(nfgenmsg) || header->nlmsg_len > message.size()) return std::nullopt;
-    if (header->nlmsg_type != ((NFNL_SUBSYS_ULOG << 8) | NFULNL_MSG_PACKET)) return std::nullopt;
-    const nlattr* payload = nullptr;
-    if (mnl_attr_parse(header, sizeof(nfgenmsg), collectPayload, &payload) < 0 || payload == nullptr)
-        return std::nullopt;
-    return std::span(static_cast<const std::uint8_t*>(mnl_attr_get_payload(payload)), mnl_attr_get_payload_len(payload));
+    auto parsed = NetlinkMessage::at(message);
+    if (!parsed || parsed->type() != ((NFNL_SUBSYS_ULOG << 8) | NFULNL_MSG_PACKET)) return std::nullopt;
+    return parsed->attribute(NFULA_PAYLOAD);
 }
 
 Result<std::size_t> DnsAnswerLog::receive(const std::function<void(std::span<const std::uint8_t>)>& packet,

@@ -1,5 +1,7 @@
 #include "QuillfortFilter/kernel/PacketQueue.hpp"
 
+#include "QuillfortFilter/kernel/NetlinkMessage.hpp"
+
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <libnetfilter_queue/libnetfilter_queue.h>
@@ -58,31 +60,18 @@ Result<PacketQueue> PacketQueue::open(const PacketQueueOptions& options) {
 }
 
 std::optional<QueuedPacket> PacketQueue::parseMessage(std::span<const std::uint8_t> message) {
-    if (message.size() < sizeof(nlmsghdr)) return std::nullopt;
-    const auto* header = reinterpret_cast<const nlmsghdr*>(message.data());
-    if (header->nlmsg_len < sizeof(nlmsghdr) + sizeof(nfgenmsg) || header->nlmsg_len > message.size()) return std::nullopt;
-    if (header->nlmsg_type != ((NFNL_SUBSYS_QUEUE << 8) | NFQNL_MSG_PACKET)) return std::nullopt;
-    nlattr* attributes[NFQA_MAX + 1]{};
-    if (nfq_nlmsg_parse(header, attributes) < 0 || attributes[NFQA_PACKET_HDR] == nullptr) return std::nullopt;
-    if (mnl_attr_get_payload_len(attributes[NFQA_PACKET_HDR]) < sizeof(nfqnl_msg_packet_hdr)) return std::nullopt;
-    nfqnl_msg_packet_hdr packetHeader{};
-    std::memcpy(&packetHeader, mnl_attr_get_payload(attributes[NFQA_PACKET_HDR]), sizeof packetHeader);
+    auto parsed = NetlinkMessage::at(message);
+    if (!parsed || parsed->type() != ((NFNL_SUBSYS_QUEUE << 8) | NFQNL_MSG_PACKET)) return std::nullopt;
+    auto packetHeader = parsed->attribute(NFQA_PACKET_HDR);
+    if (!packetHeader || packetHeader->size() < sizeof(nfqnl_msg_packet_hdr)) return std::nullopt;
+    nfqnl_msg_packet_hdr header{};
+    std::memcpy(&header, packetHeader->data(), sizeof header);
     QueuedPacket packet;
-    packet.id = ntohl(packetHeader.packet_id);
-    packet.hook = packetHeader.hook;
-    auto u32 = [&](int type) -> std::optional<std::uint32_t> {
-        const nlattr* attribute = attributes[type];
-        if (attribute == nullptr || mnl_attr_get_payload_len(attribute) < sizeof(std::uint32_t)) return std::nullopt;
-        std::uint32_t value = 0;
-        std::memcpy(&value, mnl_attr_get_payload(attribute), sizeof value);
-        return ntohl(value);
-    };
-    packet.uid = u32(NFQA_UID);
-    packet.gid = u32(NFQA_GID);
-    if (const nlattr* payload = attributes[NFQA_PAYLOAD]) {
-        packet.headers = PacketParser::parse(
-            {static_cast<const std::uint8_t*>(mnl_attr_get_payload(payload)), mnl_attr_get_payload_len(payload)});
-    }
+    packet.id = ntohl(header.packet_id);
+    packet.hook = header.hook;
+    packet.uid = parsed->attributeU32(NFQA_UID);
+    packet.gid = parsed->attributeU32(NFQA_GID);
+    if (auto payload = parsed->attribute(NFQA_PAYLOAD)) packet.headers = PacketParser::parse(*payload);
     return packet;
 }
 

@@ -97,7 +97,9 @@ std::map<std::string, std::vector<std::string>> seeds() {
                              std::string(1, '\2') + std::string(16, '\0')};
     out["filter_proc_text"] = {"4242 (we (ird) name) S 1 4242 4242 34819 -1 4194560 1 0 0 0 0 0 0 0 20 0 1 0 12345 1 9\n",
                                "40 30 0:37 / /sys/fs/cgroup/unified rw,relatime - cgroup2 cgroup2 rw\n", "socket:[12345]"};
-    out["filter_configuration_file"] = {R"({"mode": "enforce", "unknownTrafficMode": "blocking", "shadowPromptDropEnabled": false, "promptAutomationPort": 443})"};
+    out["filter_configuration_file"] = {
+        R"({"mode": "enforce", "unknownTrafficMode": "blocking", "shadowPromptDropEnabled": false, "promptAutomationPort": 443})",
+        R"({"promptAutomationHost": "example.org", "promptAutomationPort": 8.0})"};
     return out;
 }
 
