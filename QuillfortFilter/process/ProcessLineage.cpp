@@ -125,15 +125,18 @@ std::optional<StatFields> parseStat(std::string_view stat) {
     StatFields fields;
     fields.comm = text::validUtf8(stat.substr(open + 1, close - open - 1));
     const auto rest = text::splitNonEmpty(stat.substr(close + 1), ' ');
-    // rest[0] is the state; ppid, tty_nr and starttime follow at fixed places.
-    constexpr std::size_t ppidIndex = 1, ttyIndex = 4, startTimeIndex = 19;
-    if (rest.size() <= startTimeIndex) return std::nullopt;
+    // rest[0] is the state; ppid, tty_nr, flags and starttime follow at fixed places.
+    constexpr std::size_t ppidIndex = 1, ttyIndex = 4, flagsIndex = 6, startTimeIndex = 19;
+    if (rest.size() <= startTimeIndex || rest[0].size() != 1) return std::nullopt;
     auto ppid = parseUnsigned(rest[ppidIndex]);
     auto tty = text::parseInt64(rest[ttyIndex]);
+    auto flags = parseUnsigned(rest[flagsIndex]);
     auto start = parseUnsigned(text::trimmed(rest[startTimeIndex]));
-    if (!ppid || *ppid > INT32_MAX || !tty || !start) return std::nullopt;
+    if (!ppid || *ppid > INT32_MAX || !tty || !flags || !start) return std::nullopt;
+    fields.state = rest[0].front();
     fields.parentPid = static_cast<std::int32_t>(*ppid);
     fields.ttyNr = static_cast<std::uint32_t>(*tty);
+    fields.flags = *flags;
     fields.startTicks = *start;
     return fields;
 }
@@ -178,6 +181,9 @@ Result<InspectedProcess> inspectProcess(std::int32_t pid, const ProcfsView& proc
     if (!fields)
         return std::unexpected(Error::withMessage(fmt::format("Cannot read process {}: malformed {}", pid,
                                                               statFile.string())));
+    if (fields->exiting())
+        return std::unexpected(Error{std::make_error_code(std::errc::no_such_process),
+                                     fmt::format("Process {} is exiting", pid)});
 
     InspectedProcess process;
     process.parentPid = fields->parentPid;

@@ -41,9 +41,15 @@ struct InspectedProcess {
 // The fields of /proc/PID/stat that attribution needs.
 struct StatFields {
     std::string comm;
+    char state = 'R';
     std::int32_t parentPid = 0;
     std::uint32_t ttyNr = 0;
+    std::uint64_t flags = 0;  // the kernel's PF_* flags
     std::uint64_t startTicks = 0;
+
+    // Exiting or already a zombie: its executable, arguments and working
+    // directory are gone, so /proc can no longer describe it.
+    [[nodiscard]] bool exiting() const noexcept { return state == 'Z' || state == 'X' || (flags & 0x4) != 0; }
 
     bool operator==(const StatFields&) const = default;
 };

@@ -119,7 +119,7 @@ TEST_F(FilterDecisions, APromptHoldsOnlyItsFlowsAndOneAnswerDecidesEveryFlowLike
     for (int sender = 0; sender < 3; ++sender)
         EXPECT_EQ(box.runPeer({"send-udp", "127.0.0.1", "9100", "1"}).status, 0);
     ASSERT_TRUE(box.waitForStatus([](const auto& s) { return s.counters.packetsHeld == 3; }));
-    EXPECT_EQ(box.promptsWaiting(), 1);
+    EXPECT_EQ(box.promptsWaiting(), 1) << box.filterLog();
     // Nothing of a held flow passes, and other flows do not wait.
     EXPECT_TRUE(connects(9001));
     EXPECT_EQ(counter.standardOutput().find("got"), std::string::npos);
