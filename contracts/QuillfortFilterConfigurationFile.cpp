@@ -1,5 +1,7 @@
 #include "contracts/QuillfortFilterConfigurationFile.hpp"
 
+#include <cmath>
+
 #include <boost/json.hpp>
 #include <fmt/format.h>
 
@@ -25,6 +27,9 @@ Result<PropertyListDictionary> decode(std::string_view text) {
         } else if (held.is_uint64()) {
             return std::unexpected(Error::withMessage(fmt::format("\"{}\": number out of range", key)));
         } else if (held.is_double()) {
+            // JSON has no infinity to write back: 1e999 is refused, not kept.
+            if (!std::isfinite(held.as_double()))
+                return std::unexpected(Error::withMessage(fmt::format("\"{}\": number out of range", key)));
             dictionary.emplace(key, held.as_double());
         } else {
             return std::unexpected(
