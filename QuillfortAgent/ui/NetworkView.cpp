@@ -146,10 +146,10 @@ NetworkView::NetworkView(std::shared_ptr<AgentFlowMonitor> flows, std::shared_pt
     table_->verticalHeader()->setSectionResizeMode(QHeaderView::Fixed);
     table_->verticalHeader()->setDefaultSectionSize(24);
     table_->horizontalHeader()->setSectionResizeMode(QHeaderView::Interactive);
-    table_->horizontalHeader()->setSectionResizeMode(hostColumn, QHeaderView::Stretch);
-    for (auto [column, width] : {std::pair{timeColumn, 72}, std::pair{processColumn, 150}, std::pair{portColumn, 52},
-                                 std::pair{protocolColumn, 66}, std::pair{decisionColumn, 72},
-                                 std::pair{sourceColumn, 110}, std::pair{ruleColumn, 150}})
+    table_->horizontalHeader()->setSectionResizeMode(ruleColumn, QHeaderView::Stretch);
+    for (auto [column, width] : {std::pair{timeColumn, 72}, std::pair{processColumn, 140}, std::pair{hostColumn, 170},
+                                 std::pair{portColumn, 48}, std::pair{protocolColumn, 66}, std::pair{decisionColumn, 72},
+                                 std::pair{sourceColumn, 104}})
         table_->setColumnWidth(column, width);
     table_->setContextMenuPolicy(Qt::CustomContextMenu);
     layout->addWidget(table_, 1);

@@ -150,7 +150,7 @@ RulesView::RulesView(std::shared_ptr<AgentRuleBook> rules, QWidget* parent, std:
     table_->horizontalHeader()->setStretchLastSection(false);
     table_->horizontalHeader()->setSectionResizeMode(QHeaderView::Interactive);
     table_->horizontalHeader()->setSectionResizeMode(conditionsColumn, QHeaderView::Stretch);
-    for (auto [column, width] : {std::pair{enabledColumn, 40}, std::pair{nameColumn, 210}, std::pair{actionColumn, 64},
+    for (auto [column, width] : {std::pair{enabledColumn, 40}, std::pair{nameColumn, 250}, std::pair{actionColumn, 64},
                                  std::pair{scopeColumn, 70}, std::pair{originColumn, 70}, std::pair{endsColumn, 90}})
         table_->setColumnWidth(column, width);
     layout->addWidget(table_, 1);
@@ -294,6 +294,7 @@ void RulesView::updateDetails() {
         if (id && candidate.id == *id) row = &candidate;
     for (QWidget* control : std::initializer_list<QWidget*>{enabledSwitch_, actionPicker_, expiryPicker_, deleteButton_})
         control->setEnabled(row != nullptr);
+    detailConditions_->setStyle(row ? F::qfCaptionMono : F::qfCaption, N::qfText2);
     if (!row) {
         detailTitle_->setText("No rule chosen");
         detailConditions_->setText("Choose a rule in the list to switch it off, change its action, give it an end or "

@@ -83,6 +83,15 @@ TEST(AgentRuleBook, StartRemovesLeftoverSessionRulesAndRulesThatEndedMeanwhile) 
     EXPECT_EQ(h.expiriesOnDisk(), (std::map<Uuid, Date>{{sampleUuid(1), sampleDate() + 1h}}));
     EXPECT_EQ(book->state().value().rules, rules);
     EXPECT_EQ(book->nextExpiry(), sampleDate() + 1h);
+
+    // Another writer (the tool, the prompt path) replaces the file: the book follows.
+    ASSERT_TRUE(RuleSnapshotEditor(*h.fileSystem, h.snapshot).edit(RuleChanges::setEnabled(sampleUuid(1), false), sampleDate()));
+    for (int i = 0; i < 500 && book->state().value().rules == rules; ++i) {
+        std::this_thread::sleep_for(10ms);
+        h.mainThread->drain();
+    }
+    ASSERT_EQ(book->state().value().rules.size(), 1u);
+    EXPECT_FALSE(book->state().value().rules[0].enabled);
 }
 
 // Each rule leaves at its own end, seen on the book's clock; "never" takes
