@@ -98,26 +98,59 @@ FlowRow row(const FlowFilterEvent& event, const std::map<Uuid, std::string>& rul
     return out;
 }
 
-bool matches(const FlowFilterEvent& event, std::string_view text, FlowDecisionFilter filter) {
-    if (event.kind != FlowFilterEventKind::decided) return false;
-    if (filter == FlowDecisionFilter::allowed && (!event.decision || isBlocked(event))) return false;
-    if (filter == FlowDecisionFilter::blocked && !isBlocked(event)) return false;
-    const std::string needle = lowered(text::trimmed(text));
-    if (needle.empty()) return true;
+namespace {
+
+std::string searchText(const FlowFilterEvent& event) {
     const auto& context = event.context;
-    std::string haystack = lowered(processText(context) + "\n" + context.host().value_or(""));
+    std::string haystack = processText(context) + "\n" + context.host().value_or("");
     if (context.matchedProcessNode)
-        haystack += "\n" + lowered(context.matchedProcessNode->identity.executablePath + "\n" +
-                                   context.matchedProcessNode->identity.bundleID.value_or(""));
-    return haystack.find(needle) != std::string::npos;
+        haystack += "\n" + context.matchedProcessNode->identity.executablePath + "\n" +
+                    context.matchedProcessNode->identity.bundleID.value_or("");
+    return lowered(haystack);
+}
+
+FlowSearchIndex::Decision decisionOf(const FlowFilterEvent& event) {
+    if (event.kind != FlowFilterEventKind::decided) return FlowSearchIndex::Decision::none;
+    return isBlocked(event) ? FlowSearchIndex::Decision::blocked : FlowSearchIndex::Decision::allowed;
+}
+
+bool passes(FlowSearchIndex::Decision decision, const std::string& haystack, const std::string& needle,
+            FlowDecisionFilter filter) {
+    using D = FlowSearchIndex::Decision;
+    if (decision == D::none) return false;
+    if (filter == FlowDecisionFilter::allowed && decision != D::allowed) return false;
+    if (filter == FlowDecisionFilter::blocked && decision != D::blocked) return false;
+    return needle.empty() || haystack.find(needle) != std::string::npos;
+}
+
+}  // namespace
+
+bool matches(const FlowFilterEvent& event, std::string_view text, FlowDecisionFilter filter) {
+    return passes(decisionOf(event), searchText(event), lowered(text::trimmed(text)), filter);
+}
+
+FlowSearchIndex searchIndex(const std::vector<FlowFilterEvent>& events) {
+    FlowSearchIndex index;
+    index.text.reserve(events.size());
+    index.decision.reserve(events.size());
+    for (const auto& event : events) {
+        index.text.push_back(searchText(event));
+        index.decision.push_back(decisionOf(event));
+    }
+    return index;
+}
+
+std::vector<std::size_t> visibleEvents(const FlowSearchIndex& index, std::string_view text, FlowDecisionFilter filter) {
+    const std::string needle = lowered(text::trimmed(text));
+    std::vector<std::size_t> out;
+    for (std::size_t i = index.text.size(); i-- > 0;)
+        if (passes(index.decision[i], index.text[i], needle, filter)) out.push_back(i);
+    return out;
 }
 
 std::vector<std::size_t> visibleEvents(const std::vector<FlowFilterEvent>& events, std::string_view text,
                                        FlowDecisionFilter filter) {
-    std::vector<std::size_t> out;
-    for (std::size_t i = events.size(); i-- > 0;)
-        if (matches(events[i], text, filter)) out.push_back(i);
-    return out;
+    return visibleEvents(searchIndex(events), text, filter);
 }
 
 std::string countText(std::size_t shown, std::size_t total) {

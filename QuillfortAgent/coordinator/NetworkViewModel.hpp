@@ -3,6 +3,7 @@
 // request that makes a rule from a flow the way the filter's own prompt would.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <string>
@@ -45,6 +46,17 @@ using TimeFormatter = std::function<std::string(Date)>;
 [[nodiscard]] bool matches(const FlowFilterEvent& event, std::string_view text, FlowDecisionFilter filter);
 // Indexes into `events` of the matching ones, newest first.
 [[nodiscard]] std::vector<std::size_t> visibleEvents(const std::vector<FlowFilterEvent>& events, std::string_view text,
+                                                     FlowDecisionFilter filter);
+
+// What the filters look at of each event, worded once per snapshot, so that
+// a key typed in the filter field costs a substring search per event and no more.
+struct FlowSearchIndex {
+    enum class Decision : std::uint8_t { none, allowed, blocked };
+    std::vector<std::string> text;  // lower-cased process, host, path and bundle
+    std::vector<Decision> decision;
+};
+[[nodiscard]] FlowSearchIndex searchIndex(const std::vector<FlowFilterEvent>& events);
+[[nodiscard]] std::vector<std::size_t> visibleEvents(const FlowSearchIndex& index, std::string_view text,
                                                      FlowDecisionFilter filter);
 
 [[nodiscard]] std::string_view sourceTitle(FlowFilterDecisionSource source);

@@ -1,5 +1,7 @@
 #include "QuillfortAgent/ui/NetworkView.hpp"
 
+#include <algorithm>
+
 #include <QAbstractTableModel>
 #include <QComboBox>
 #include <QDateTime>
@@ -44,6 +46,7 @@ public:
         snapshot_ = std::move(snapshot);
         visible_ = std::move(visible);
         ruleNames_ = std::move(ruleNames);
+        rows_.assign(visible_.size(), std::nullopt);
         endResetModel();
     }
 
@@ -67,7 +70,10 @@ public:
         const FlowFilterEvent* flow = event(index.row());
         if (!flow) return {};
         if (role != Qt::DisplayRole && role != Qt::ForegroundRole && role != Qt::ToolTipRole) return {};
-        const FlowRow row = VM::row(*flow, ruleNames_, localTime);
+        // Worded once per row and kept: a repaint asks for every cell and role.
+        auto& cached = rows_[static_cast<std::size_t>(index.row())];
+        if (!cached) cached = VM::row(*flow, ruleNames_, localTime);
+        const FlowRow& row = *cached;
         if (role == Qt::ForegroundRole) {
             if (index.column() != decisionColumn) return {};
             return QFPalette::color(row.blocked ? N::qfRed : N::qfGreen);
@@ -90,6 +96,7 @@ private:
     std::shared_ptr<const FlowFilterEventSnapshot> snapshot_;
     std::vector<std::size_t> visible_;
     std::map<Uuid, std::string> ruleNames_;
+    mutable std::vector<std::optional<FlowRow>> rows_;
 };
 
 NetworkView::NetworkView(std::shared_ptr<AgentFlowMonitor> flows, std::shared_ptr<AgentRuleBook> rules,
@@ -193,10 +200,15 @@ void NetworkView::refresh() {
     const FlowFilterEvent* chosen = selected.isEmpty() ? nullptr : model_->event(selected.front().row());
     const std::optional<Uuid> chosenID = chosen ? std::optional(chosen->id) : std::nullopt;
 
-    snapshot_ = events.snapshot ? events.snapshot : std::make_shared<const FlowFilterEventSnapshot>();
+    const auto snapshot = events.snapshot ? events.snapshot : std::make_shared<const FlowFilterEventSnapshot>();
+    if (snapshot != snapshot_) {
+        snapshot_ = snapshot;
+        searchIndex_ = VM::searchIndex(snapshot_->events);
+    }
     const auto filter = static_cast<FlowDecisionFilter>(decisionPicker_->currentData().toInt());
-    auto visible = VM::visibleEvents(snapshot_->events, search_->text().toStdString(), filter);
-    const std::size_t decided = VM::visibleEvents(snapshot_->events, "", FlowDecisionFilter::all).size();
+    auto visible = VM::visibleEvents(searchIndex_, search_->text().toStdString(), filter);
+    const std::size_t decided = static_cast<std::size_t>(
+        std::ranges::count_if(searchIndex_.decision, [](auto d) { return d != VM::FlowSearchIndex::Decision::none; }));
     countText_->setText(q(VM::countText(visible.size(), decided)));
     {
         const QSignalBlocker block(table_->selectionModel());

@@ -51,6 +51,7 @@ private:
     std::shared_ptr<AgentPromptCoordinator> coordinator_;
     std::vector<Subscription> subscriptions_;
     std::shared_ptr<const FlowFilterEventSnapshot> snapshot_;
+    NetworkViewModel::FlowSearchIndex searchIndex_;  // of snapshot_
 
     QLineEdit* search_ = nullptr;
     QComboBox* decisionPicker_ = nullptr;
