@@ -20,6 +20,7 @@
 #include "contracts/RuleSnapshotStore.hpp"
 #include "tools/AgentBusClient.hpp"
 #include "model/Text.hpp"
+#include "tools/FilterCommands.hpp"
 #include "tools/QuillfortWatch.hpp"
 #include "tools/RuleFormatting.hpp"
 #include "tools/StatusFormatting.hpp"
@@ -414,8 +415,9 @@ std::expected<FlowPromptRequest, std::string> buildPromptRequest(const PromptFlo
 int run(const std::vector<std::string>& arguments, const Environment& environment, std::ostream& out,
         std::ostream& err) {
     try {
-        CLI::App app{"Talks to the Quillfort prompt agent: submit a prompt, show the agent's status and the shared "
-                     "rules, change a rule, answer a queued prompt, switch its start at login.",
+        CLI::App app{"Talks to the Quillfort prompt agent and filter: submit a prompt, show the agent's status and "
+                     "the shared rules, change a rule, answer a queued prompt, switch its start at login, show or "
+                     "set up the filter.",
                      "quillfort"};
         app.require_subcommand(1);
         Options options;
@@ -510,6 +512,9 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
             ->check(CLI::IsMember({"enable", "disable", "status"}))
             ->required();
 
+        FilterCommands::Options filter;
+        auto* filterCommand = FilterCommands::describe(app, filter);
+
         try {
             std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
             app.parse(reversed);
@@ -542,6 +547,7 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
         if (answerCommand->parsed()) return runAnswer(options, environment, out, err);
         if (loginItemCommand->parsed()) return runLoginItem(loginItemAction, environment, out, err);
         if (watchCommand->parsed()) return QuillfortWatch::run(options.home, environment, err);
+        if (filterCommand->parsed()) return FilterCommands::run(filter, *environment.fileSystem, out, err);
         return failure(err, "no command given", exitUsage);
     } catch (const std::exception& error) {
         return failure(err, error.what());

@@ -732,6 +732,7 @@ struct FilterDaemon::State {
         for (auto& flow : ready) decide(flow.packets, flow.flow, now, flow.arrivedAt);
         if (!ready.empty()) {
             (void)queue->flush();
+            statusDirty = true;
             armWrite();
         }
     }
@@ -803,7 +804,7 @@ struct FilterDaemon::State {
         return fmt::format("{} ({})", text::lastPathComponent(identity.executablePath), identity.pid);
     }
 
-    void record(const FlowContext& context, const FlowDecision& decision, FlowFilterDecisionSource source,
+    void record(FlowContext context, const FlowDecision& decision, FlowFilterDecisionSource source,
                 const std::optional<std::string>& ruleName) {
         ++counters.flowsDecided;
         if (decision.action == FlowDecisionAction::allow) ++counters.flowsAllowed;
@@ -820,10 +821,10 @@ struct FilterDaemon::State {
                                     context.host().value_or("?"), port ? fmt::format(":{}", *port) : "",
                                     rawValue(context.flow.transportProtocol), rawValue(decision.action),
                                     rawValue(source), ruleName ? fmt::format(", rule \"{}\"", *ruleName) : "");
-        event.context = context;
+        if (context.matchedProcessNode) event.sourceAppIdentifier = context.matchedProcessNode->identity.signingID;
+        event.context = std::move(context);
         event.decision = decision;
         event.decisionSource = source;
-        if (context.matchedProcessNode) event.sourceAppIdentifier = context.matchedProcessNode->identity.signingID;
         if (events.append(std::move(event))) armWrite();
     }
 
@@ -848,7 +849,7 @@ struct FilterDaemon::State {
             enforce(packets, true);
             auto decision = QuillfortInternalPromptTransport::bypassDecision(context);
             decision.latencyMs = millisecondsSince(started);
-            return record(context, decision, FlowFilterDecisionSource::internalBypass, std::nullopt);
+            return record(std::move(context), decision, FlowFilterDecisionSource::internalBypass, std::nullopt);
         }
 
         const PromptKey key = promptKeyOf(context, flow);
@@ -858,7 +859,7 @@ struct FilterDaemon::State {
                     enforce(packets, false);
                     auto decision = shadow->second.decision;
                     decision.latencyMs = millisecondsSince(started);
-                    return record(context, decision, shadow->second.source, std::nullopt);
+                    return record(std::move(context), decision, shadow->second.source, std::nullopt);
                 }
                 shadows.erase(shadow);
             }
@@ -872,7 +873,7 @@ struct FilterDaemon::State {
             enforce(packets, allow);
             FlowDecision decision{allow ? FlowDecisionAction::allow : FlowDecisionAction::drop, outcome.reasonCode,
                                   outcome.matchedRuleID, std::nullopt, millisecondsSince(started)};
-            return record(context, decision, outcome.source, outcome.ruleName);
+            return record(std::move(context), decision, outcome.source, outcome.ruleName);
         }
         ask(packets, flow, context, key, started);
     }
@@ -1052,7 +1053,7 @@ struct FilterDaemon::State {
             const auto container = folder->container();
             if (!folder->isDirectory(container)) (void)folder->createDirectories(container);
             const auto path = container / QuillfortSharedContainer::flowFilterMonitorSnapshotFilename;
-            if (auto written = folder->replaceFileWithoutSync(path, encodeCompact(snapshot)); !written)
+            if (auto written = folder->replaceFileWithoutSync(path, snapshot); !written)
                 flowLog().error("Cannot write the flow events: %{public}s", written.error().description);
         }
         if (statusDirty) writeStatus();
@@ -1134,7 +1135,9 @@ struct FilterDaemon::State {
     // Watches the shared folder, or while it does not exist yet, the nearest
     // folder above it that does, to notice it being made.
     void watchFolder() {
-        if (folderWatch >= 0) ::inotify_rm_watch(inotify.get(), folderWatch);
+        // One directory has one watch: when the configuration's folder is the
+        // one watched here as well, removing it would end both.
+        if (folderWatch >= 0 && folderWatch != configurationWatch) ::inotify_rm_watch(inotify.get(), folderWatch);
         folderWatch = -1;
         if (!folder || !inotify) return;
         auto target = folder->container();
@@ -1179,8 +1182,9 @@ struct FilterDaemon::State {
                     } else if ((event->mask & (IN_CREATE | IN_MOVED_TO | IN_IGNORED)) != 0) {
                         // Watching a folder above the shared one: only the
                         // next folder on the way appearing matters.
-                        const auto next = container.lexically_relative(folderWatched).begin();
-                        if ((event->mask & IN_IGNORED) || name == next->string()) folderMoved = true;
+                        const auto below = container.lexically_relative(folderWatched);
+                        if ((event->mask & IN_IGNORED) || (!below.empty() && name == below.begin()->string()))
+                            folderMoved = true;
                     }
                 }
                 offset += sizeof(inotify_event) + event->len;

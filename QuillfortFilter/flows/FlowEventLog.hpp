@@ -1,14 +1,14 @@
 // Every decision as a flow event, kept in a bounded ring (the oldest go
 // first) and written, coalesced, to the shared folder's
 // "FlowFilterMonitorSnapshot.json" for the agent and the command-line tool.
-// A burst of decisions costs one write, at most one per interval.
+// A burst of decisions costs one write, at most one per interval, and each
+// event is turned into JSON once, however many writes it appears in.
 #pragma once
 
-#include <chrono>
-#include <cstddef>
 #include <algorithm>
+#include <cstddef>
 #include <deque>
-#include <functional>
+#include <string>
 
 #include "contracts/FlowFilterEvent.hpp"
 
@@ -24,16 +24,21 @@ public:
     // taken: the caller then arms its write timer.
     bool append(FlowFilterEvent event);
 
-    // The events kept, oldest first, dated `now`; the log is no longer dirty.
-    [[nodiscard]] FlowFilterEventSnapshot takeSnapshot(Date now);
+    // The file's content: the events kept, oldest first, dated `now`, in the
+    // compact form of a FlowFilterEventSnapshot. The log is no longer dirty.
+    [[nodiscard]] std::string takeSnapshot(Date now);
 
     [[nodiscard]] bool dirty() const noexcept { return dirty_; }
     [[nodiscard]] std::size_t size() const noexcept { return events_.size(); }
-    [[nodiscard]] const std::deque<FlowFilterEvent>& events() const noexcept { return events_; }
 
 private:
+    struct Entry {
+        FlowFilterEvent event;
+        std::string json;  // empty until first written
+    };
+
     std::size_t capacity_;
-    std::deque<FlowFilterEvent> events_;
+    std::deque<Entry> events_;
     bool dirty_ = false;
 };
 

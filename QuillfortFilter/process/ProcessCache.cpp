@@ -29,17 +29,17 @@ bool ProcessCache::stillCurrent(const ProcessRecord& record, std::optional<std::
                                 bool mustRecheck) const {
     if (startTicks && *startTicks != record.startTicks) return false;
     if (!mustRecheck) return true;
-    // Same pid and start time, but an exec may have replaced the program.
-    auto stat = [&]() -> std::optional<ProcessLineage::StatFields> {
-        std::error_code error;
+    if (!startTicks) {
+        // A pid alone may have been reused: the start time tells.
         std::ifstream stream(procfs_.root / std::to_string(record.node.identity.pid) / "stat");
         std::string content((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
-        return ProcessLineage::parseStat(content);
-    }();
-    if (!stat || stat->startTicks != record.startTicks) return false;
+        auto stat = ProcessLineage::parseStat(content);
+        if (!stat || stat->startTicks != record.startTicks) return false;
+    }
+    // Same process, but an exec may have replaced the program. A link we may
+    // not read (another user's process without the right to trace it) cannot
+    // tell; the start time alone then has to do.
     auto link = executableLink(procfs_, record.node.identity.pid);
-    // A link we may not read (another user's process without the right to
-    // trace it) cannot tell; the start time alone then has to do.
     return !link || *link == record.node.identity.executablePath ||
            *link == record.node.identity.executablePath + " (deleted)";
 }

@@ -1,0 +1,20 @@
+// /etc/quillfort/filter.json as the filter reads it: any text, then the
+// settings made of whatever dictionary it holds.
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+#include "QuillfortFilter/daemon/FilterSettings.hpp"
+#include "contracts/QuillfortFilterConfigurationFile.hpp"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    using namespace quillfort;
+    auto dictionary = QuillfortFilterConfigurationFile::decode({reinterpret_cast<const char*>(data), size});
+    if (!dictionary) return 0;
+    std::vector<std::string> problems;
+    (void)FilterSettings::from(*dictionary, FilterOptions{}, problems);
+    // What is written reads back as the same dictionary.
+    if (QuillfortFilterConfigurationFile::decode(QuillfortFilterConfigurationFile::encode(*dictionary)) != *dictionary)
+        __builtin_trap();
+    return 0;
+}
