@@ -66,7 +66,7 @@ for file in /usr/bin/quillfort-agent /usr/bin/quillfort \
   /usr/share/icons/hicolor/scalable/apps/quillfort-agent.svg \
   /usr/share/icons/hicolor/symbolic/apps/quillfort-agent-symbolic.svg \
   /usr/share/applications/quillfort-agent.desktop /etc/xdg/autostart/quillfort-agent.desktop \
-  /usr/lib/systemd/user/quillfort-agent.service \
+  /usr/lib/systemd/user/quillfort-agent.service /usr/share/dbus-1/services/com.vessimo.Quillfort.Agent.service \
   /usr/sbin/quillfort-filter /usr/lib/systemd/system/quillfort-filter.service \
   /usr/share/man/man1/quillfort.1.gz /usr/share/man/man1/quillfort-agent.1.gz \
   /usr/share/man/man8/quillfort-filter.8.gz; do
