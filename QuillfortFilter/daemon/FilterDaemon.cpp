@@ -145,6 +145,7 @@ struct FilterDaemon::State {
     bool agentTimerArmed = false;
 
     FlowEventLog events;
+    std::unique_ptr<FlowEventWriter> eventWriter;  // started once privileges are dropped
     asio::steady_timer eventTimer{io};
     bool writeTimerArmed = false;
     bool statusDirty = true;
@@ -228,11 +229,13 @@ struct FilterDaemon::State {
     void loadRules(bool initial) {
         std::optional<RuleSnapshotEnvelope> shared;
         std::optional<std::string> problem;
+        std::string sharedBytes;
         if (folder) {
             auto path = folder->container() / QuillfortSharedContainer::ruleSnapshotFilename;
             auto bytes = folder->readFile(path);
             if (bytes) {
                 auto decoded = decodeJson<RuleSnapshotEnvelope>(*bytes);
+                sharedBytes = std::move(*bytes);
                 if (decoded)
                     shared = std::move(*decoded);
                 else
@@ -248,7 +251,7 @@ struct FilterDaemon::State {
 
         if (shared) {
             lastSharedSnapshot = shared;
-            saveLastGood(*shared);
+            saveLastGood(sharedBytes);
         } else {
             if (!lastSharedSnapshot || initial) lastSharedSnapshot = readLastGood();
             if (lastSharedSnapshot)
@@ -280,20 +283,27 @@ struct FilterDaemon::State {
     std::optional<RuleSnapshotEnvelope> readLastGood() {
         auto bytes = system->readFile(lastGoodCopy());
         if (!bytes) return std::nullopt;
+        lastGoodBytes = *bytes;
         auto decoded = decodeJson<RuleSnapshotEnvelope>(*bytes);
         if (!decoded) return std::nullopt;
         return *decoded;
     }
 
-    void saveLastGood(const RuleSnapshotEnvelope& snapshot) {
-        if (auto kept = readLastGood(); kept && *kept == snapshot) return;
+    // The user's file as it was read, once it decoded: no second encoding,
+    // and no write when the copy already holds these bytes.
+    void saveLastGood(const std::string& bytes) {
+        if (!lastGoodBytes) lastGoodBytes = system->readFile(lastGoodCopy()).value_or("");
+        if (*lastGoodBytes == bytes) return;
         std::error_code error;
         std::filesystem::create_directories(options.stateDirectory, error);
-        if (!system->writeFileAtomically(lastGoodCopy(), encodePretty(snapshot)))
+        if (!system->writeFileAtomically(lastGoodCopy(), bytes)) {
             flowLog().error("Cannot keep a copy of the rules in %{public}s.", options.stateDirectory);
-        else
-            ::chmod(lastGoodCopy().c_str(), 0600);
+            return;
+        }
+        ::chmod(lastGoodCopy().c_str(), 0600);
+        lastGoodBytes = bytes;
     }
+    std::optional<std::string> lastGoodBytes;
 
     bool setUpKernelSide() {
         if (auto sockets = SocketDiagnostics::open())
@@ -381,8 +391,6 @@ struct FilterDaemon::State {
     }
 
     void serveQueue() {
-        // Answers first: a program connects right after its DNS answer arrives.
-        readDnsAnswers();
         std::vector<QueuedPacket> packets;
         for (;;) {
             packets.clear();
@@ -391,6 +399,11 @@ struct FilterDaemon::State {
                 queueComplaint(packetLog(), "Reading the packet queue failed: %{public}s", read.error().description);
                 break;
             }
+            // The DNS answers logged by now include every answer that arrived
+            // before a packet of this batch was queued (the kernel logs an
+            // answer before its program even reads it): the names a program
+            // was just given are known before its connection is decided.
+            readDnsAnswers();
             for (const auto& packet : packets) handlePacket(packet);
             if (auto sent = queue->flush(); !sent)
                 queueComplaint(packetLog(), "Sending verdicts failed: %{public}s", sent.error().description);
@@ -745,14 +758,9 @@ struct FilterDaemon::State {
     }
 
     void writeRecords() {
-        if (events.dirty() && folder) {
-            auto snapshot = events.takeSnapshot(dateFrom(std::chrono::system_clock::now()));
-            const auto container = folder->container();
-            if (!folder->isDirectory(container)) (void)folder->createDirectories(container);
-            const auto path = container / QuillfortSharedContainer::flowFilterMonitorSnapshotFilename;
-            if (auto written = folder->replaceFileWithoutSync(path, snapshot); !written)
-                flowLog().error("Cannot write the flow events: %{public}s", written.error().description);
-        }
+        if (events.dirty() && folder)
+            eventWriter->write(folder, folder->container() / QuillfortSharedContainer::flowFilterMonitorSnapshotFilename,
+                              events.takeSnapshot(), dateFrom(std::chrono::system_clock::now()));
         if (statusDirty) writeStatus();
     }
 
@@ -955,6 +963,7 @@ struct FilterDaemon::State {
         parked.clear();
         if (queue) (void)queue->flush();
         if (events.dirty() || statusDirty) writeRecords();
+        if (eventWriter) eventWriter->drain();
         if (kernelRules) {
             if (auto removed = kernelRules->remove(); !removed)
                 packetLog().error("Cannot remove the kernel rules: %{public}s", removed.error().description);
@@ -983,6 +992,9 @@ int FilterDaemon::run() {
     // Capabilities belong to threads: they are dropped before any other thread starts.
     if (auto dropped = Privileges::keepOnly(Privileges::afterSetUp()); !dropped)
         flowLog().error("Cannot drop privileges: %{public}s", dropped.error().description);
+    s.eventWriter = std::make_unique<FlowEventWriter>([](const Error& error) {
+        flowLog().error("Cannot write the flow events: %{public}s", error.description);
+    });
     s.worker = std::make_unique<IdentityWorker>(s.attribution.sharedIdentities(), [&s](ExecutableFileKey key, ExecutableCodeIdentity identity) {
         asio::post(s.io, [&s, key, identity] { s.identityComputed(key, identity); });
     });
