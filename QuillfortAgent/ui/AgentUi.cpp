@@ -5,8 +5,6 @@
 #include <cstring>
 #include <unistd.h>
 
-#include <xcb/xcb.h>
-
 #include <QAction>
 #include <QApplication>
 #include <QMenu>
@@ -51,19 +49,6 @@ std::optional<bool> forcedAppearance(const ProcessInfo& processInfo) {
 }
 
 }  // namespace
-
-std::optional<std::string> displayProblem(const ProcessInfo& processInfo) {
-    if (!nonEmpty(processInfo, "DISPLAY")) {
-        if (nonEmpty(processInfo, "WAYLAND_DISPLAY")) return std::nullopt;
-        return "no display found (DISPLAY and WAYLAND_DISPLAY are unset)";
-    }
-    const std::string display = *processInfo.environmentValue("DISPLAY");
-    xcb_connection_t* connection = xcb_connect(display.c_str(), nullptr);
-    const bool failed = xcb_connection_has_error(connection) != 0;
-    xcb_disconnect(connection);
-    if (failed) return "cannot open the X display " + display;
-    return std::nullopt;
-}
 
 struct AgentUi::Impl {
     Impl(int& argc, char** argv, const ProcessInfo& processInfo, QuillfortFeatureFlags flags)

@@ -1,13 +1,13 @@
 // The desktop face of the agent: the Qt application, its main-thread
 // executor, the decision-window presenter, the tray item and the status
-// window. The header keeps Qt out of the executable's main so that the
-// headless path never touches it.
+// window. Only the windowed executable links it.
 #pragma once
 
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "QuillfortAgent/app/AgentFrontEnd.hpp"
 #include "QuillfortAgent/host/MainThreadExecutor.hpp"
 #include "platform/ProcessInfo.hpp"
 #include "support/QuillfortFeatureFlags.hpp"
@@ -18,28 +18,21 @@ class AgentPromptCoordinator;
 
 namespace quillfort::ui {
 
-// Why this session cannot show windows ("no display found (...)", "cannot open
-// the X display :3"), or nothing when it can. An X display is tried once, so
-// that an unreachable one means headless instead of Qt aborting the agent.
-[[nodiscard]] std::optional<std::string> displayProblem(const ProcessInfo& processInfo);
-
-class AgentUi {
+class AgentUi final : public AgentFrontEnd {
 public:
     // Creates the application object; `argc` and `argv` must outlive the UI.
     // Where DISPLAY is set the X11 platform is chosen (also under Wayland):
     // only there may a window keep itself above others and come forward.
     AgentUi(int& argc, char** argv, const ProcessInfo& processInfo, QuillfortFeatureFlags featureFlags);
-    ~AgentUi();
+    ~AgentUi() override;
     AgentUi(const AgentUi&) = delete;
     AgentUi& operator=(const AgentUi&) = delete;
 
-    [[nodiscard]] std::shared_ptr<MainThreadExecutor> mainThread() const;
-    // Start-up step 4: the presenter, watching the coordinator but showing nothing yet.
-    void buildPresenter(std::shared_ptr<AgentPromptCoordinator> coordinator);
-    // Start-up step 10: the presenter starts, the tray item (or, without a tray, the status window) appears.
-    void start();
-    // Runs the event loop until SIGINT or SIGTERM; returns the exit status.
-    int run();
+    [[nodiscard]] std::shared_ptr<MainThreadExecutor> mainThread() const override;
+    void buildPresenter(std::shared_ptr<AgentPromptCoordinator> coordinator) override;
+    // The presenter starts, the tray item (or, without a tray, the status window) appears.
+    void start() override;
+    int run() override;
 
 private:
     struct Impl;

@@ -1,6 +1,8 @@
 // The real quillfort-agent in a temporary home, driven only through its files
-// and its loopback socket, for what only a whole process shows: one instance per
-// user, signals, a kill in the middle of a burst and descriptor exhaustion. How requests are read and answered is the service host's tests'.
+// and its loopback socket, for what only a whole process shows: what it maps,
+// one instance per user, signals, a kill in the middle of a burst and
+// descriptor exhaustion. How requests are read and answered is the service
+// host's tests'.
 #include <signal.h>
 #include <sys/resource.h>
 
@@ -27,6 +29,7 @@ namespace {
 
 using namespace quillfort::testing;
 using ::testing::HasSubstr;
+using ::testing::Not;
 namespace fs = std::filesystem;
 
 Environment directive(const std::string& answer) { return {{"QUILLFORT_AGENT_AUTOMATION_RESPONSE", answer}}; }
@@ -46,6 +49,31 @@ protected:
 
     AgentSandbox sandbox_;
 };
+
+// Headless the agent maps no Qt library: asked to, without a display, and
+// with an X display that does not answer.
+TEST(AgentEndToEndHeadless, MapsNoQtWhateverMadeItHeadless) {
+    if (auto reason = AgentSandbox::skipReason()) GTEST_SKIP() << *reason;
+    const std::string deadDisplay = ":59321";
+    const struct {
+        std::vector<std::string> arguments;
+        Environment environment;
+        std::string said;
+    } cases[] = {
+        {{"--headless"}, {{"DISPLAY", deadDisplay}}, "Launching Quillfort agent"},
+        {{}, {}, "no display found"},
+        {{}, {{"DISPLAY", deadDisplay}}, "cannot open the X display " + deadDisplay},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.said);
+        AgentSandbox sandbox;
+        auto& agent = sandbox.launchAgent(c.environment, c.arguments);
+        const auto maps = readText(fs::path("/proc") / std::to_string(agent.pid()) / "maps").value_or("");
+        ASSERT_THAT(maps, HasSubstr("/quillfort-agent"));
+        EXPECT_THAT(maps, Not(HasSubstr("libQt")));
+        EXPECT_THAT(sandbox.agentLog(), HasSubstr(c.said));
+    }
+}
 
 TEST_F(AgentEndToEnd, ListenerKeepsServingAfterRunningOutOfDescriptors) {
     auto& agent = sandbox_.launchAgent(directive("allow-once"));
