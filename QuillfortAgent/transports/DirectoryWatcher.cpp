@@ -68,6 +68,7 @@ void DirectoryWatcher::doRead() {
                 // Not fatal: the poll tick still finds every request, only later.
                 Logger(QuillfortLogCategory::agent)
                     .error("Stopped watching the prompt bridge directories: %{public}s", code.message());
+                self->onChange_ = nullptr;
                 return;
             }
             if (self->namesVisibleFile(size)) self->onChange_();

@@ -29,6 +29,9 @@ public:
     // overflowed event queue counts as a change like any other.
     void start(std::function<void()> onChange);
     void cancel();
+    // False once cancelled or once reading the events failed: changes are
+    // then no longer reported.
+    [[nodiscard]] bool watching() const noexcept { return static_cast<bool>(onChange_); }
 
 private:
     explicit DirectoryWatcher(boost::asio::posix::stream_descriptor descriptor);
