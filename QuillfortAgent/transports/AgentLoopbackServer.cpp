@@ -45,15 +45,18 @@ private:
     std::uint64_t counted_ = 0;
 };
 
-// One frame being read from a loopback connection, with the deadline by which
-// it must be complete.
+// One frame being read from a loopback connection, with the time by which it
+// must be complete.
 struct FrameRead {
     std::shared_ptr<LoopbackConnection> connection;
     FrameReader reader;
     std::function<void(Result<std::string>)> completion;
-    boost::asio::io_context::executor_type queue;
+    boost::asio::io_context& queue;
     std::uint32_t maximumSize;
-    boost::asio::steady_timer deadline;
+    std::chrono::steady_clock::time_point deadline;
+    // Armed only once a read has to wait: a frame that is already there, as
+    // nearly every one is, costs no timer.
+    std::optional<boost::asio::steady_timer> deadlineTimer;
     HeldFrameBytes held;
     bool timedOut = false;
     bool finished = false;
@@ -61,9 +64,22 @@ struct FrameRead {
 
 void finishFrameRead(FrameRead& read, Result<std::string> result) {
     read.finished = true;
-    read.deadline.cancel();
+    if (read.deadlineTimer) read.deadlineTimer->cancel();
     read.held.giveBack();
     read.completion(std::move(result));
+}
+
+// An idle or trickling client must not hold a descriptor for ever. Closing
+// the socket ends the pending receive, which then reports the time-out.
+void armDeadline(const std::shared_ptr<FrameRead>& read) {
+    if (read->deadlineTimer || read->finished) return;
+    read->deadlineTimer.emplace(read->queue, read->deadline);
+    read->deadlineTimer->async_wait([weak = std::weak_ptr<FrameRead>(read)](const boost::system::error_code& code) {
+        auto pending = weak.lock();
+        if (code || !pending || pending->finished) return;
+        pending->timedOut = true;
+        pending->connection->close();
+    });
 }
 
 // Each round asks for at least 1 and at most the bytes the frame still needs
@@ -71,10 +87,12 @@ void finishFrameRead(FrameRead& read, Result<std::string> result) {
 // round is queued behind whatever else waits on the bridge queue.
 void receiveFrameBytes(std::shared_ptr<FrameRead> read) {
     const auto wanted = read->reader.bytesWanted();
-    read->connection->receive(wanted, [read](std::string bytes, bool isComplete, std::optional<Error> error) {
+    const bool waits = read->connection->receive(wanted, [read](std::string bytes, bool isComplete,
+                                                                std::optional<Error> error) {
         if (read->finished) return;
         if (read->timedOut) {
-            finishFrameRead(*read, std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::requestTimedOut)));
+            finishFrameRead(*read,
+                            std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::requestTimedOut)));
             return;
         }
         if (error) {
@@ -103,6 +121,7 @@ void receiveFrameBytes(std::shared_ptr<FrameRead> read) {
         }
         boost::asio::post(read->queue, [read] { receiveFrameBytes(read); });
     });
+    if (waits) armDeadline(read);
 }
 
 bool isLoopbackError(const Error& error, LoopbackPromptErrorCode code) {
@@ -162,6 +181,7 @@ void AgentLoopbackServer::stop() {
         if (auto connection = weak.lock()) connection->release();
     }
     connections_.clear();
+    sweptConnectionCount_ = 0;
 }
 
 void AgentLoopbackServer::handleListenerState(LoopbackListener::State state, const std::optional<Error>& error) {
@@ -188,31 +208,28 @@ void AgentLoopbackServer::receiveFrame(const std::shared_ptr<LoopbackConnection>
         .connection = connection,
         .reader = {},
         .completion = std::move(completion),
-        .queue = queue_.get_executor(),
+        .queue = queue_,
         .maximumSize = limits_.maximumRequestSize,
-        .deadline = boost::asio::steady_timer(queue_),
+        .deadline = connection->acceptedAt() + limits_.requestTimeout,
+        .deadlineTimer = std::nullopt,
         .held = HeldFrameBytes(frameBytesHeld_, limits_.frameBytesBudget),
-    });
-    // An idle or trickling client must not hold a descriptor for ever. Closing
-    // the socket ends the pending receive, which then reports the time-out.
-    read->deadline.expires_after(limits_.requestTimeout);
-    read->deadline.async_wait([weak = std::weak_ptr<FrameRead>(read)](const boost::system::error_code& code) {
-        auto pending = weak.lock();
-        if (code || !pending || pending->finished) return;
-        pending->timedOut = true;
-        pending->connection->cancel();
     });
     receiveFrameBytes(std::move(read));
 }
 
 void AgentLoopbackServer::receiveRequest(const std::shared_ptr<LoopbackConnection>& connection) {
-    std::erase_if(connections_, [](const auto& weak) { return weak.expired(); });
+    // Connections that ended are forgotten now and then, not on every accept:
+    // with a thousand prompts waiting, a sweep per accept would cost a thousand looks.
+    if (connections_.size() >= 2 * sweptConnectionCount_ + 16) {
+        std::erase_if(connections_, [](const auto& weak) { return weak.expired(); });
+        sweptConnectionCount_ = connections_.size();
+    }
     connections_.push_back(connection);
 
     receiveFrame(connection, [weak = weak_from_this(), connection](Result<std::string> frame) {
         auto self = weak.lock();
         if (!self) {
-            connection->cancel();
+            connection->close();
             return;
         }
         self->handleFrame(connection, std::move(frame));
@@ -239,7 +256,7 @@ void AgentLoopbackServer::handleFrame(const std::shared_ptr<LoopbackConnection>&
     }
     if (!frame) {
         logger_.error("Failed to receive the loopback prompt request: %{public}s", frame.error());
-        connection->cancel();
+        connection->close();
         return;
     }
     auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*frame);
@@ -278,12 +295,13 @@ void AgentLoopbackServer::sendResponse(const QuillfortPromptBridgeResponseEnvelo
     auto frame = encodeFrame(encodeCompact(envelope));
     if (!frame) {
         logger_.error("Failed to encode the loopback prompt response: %{public}s", frame.error().description());
-        connection->cancel();
+        connection->close();
         return;
     }
+    // One close after the answer: the peer reads it, then the end of the stream.
     connection->sendFinal(std::move(*frame), [logger = logger_, connection](std::optional<Error> error) {
         if (error) logger.error("Failed to send the loopback prompt response: %{public}s", *error);
-        connection->cancel();
+        connection->close();
     });
 }
 

@@ -75,6 +75,7 @@ private:
     // reply callback waits in the coordinator: their sockets are released on
     // the queue before its io_context goes, whoever holds them then.
     std::vector<std::weak_ptr<LoopbackConnection>> connections_;
+    std::size_t sweptConnectionCount_ = 0;  // how many were left by the last sweep
     std::atomic<std::uint16_t> boundPort_{0};
     // Bytes received into frames not yet complete, on every connection. Shared
     // with each read so that its bytes come back even when the read outlives
