@@ -1,5 +1,7 @@
 #include "QuillfortAgent/app/QuillfortAgentApp.hpp"
 
+#include <sys/stat.h>
+
 #include <csignal>
 #include <exception>
 #include <memory>
@@ -20,10 +22,13 @@
 #include "QuillfortAgent/host/AsioMainThreadExecutor.hpp"
 #include "QuillfortAgent/host/QuillfortAgentPromptServiceHost.hpp"
 #include "QuillfortAgent/publishing/AgentSessionBusService.hpp"
+#include "QuillfortAgent/transports/LoopbackPeerCheck.hpp"
+#include "contracts/QuillfortSharedContainer.hpp"
 #include "platform/Clock.hpp"
 #include "platform/FileSystem.hpp"
 #include "platform/FileUserDefaults.hpp"
 #include "platform/InMemoryUserDefaults.hpp"
+#include "platform/UserDatabase.hpp"
 #include "support/LogSink.hpp"
 
 namespace quillfort::QuillfortAgentApp {
@@ -37,6 +42,14 @@ void describeOptions(CLI::App& app, Options& options) {
     app.add_option("--loopback-port", options.loopbackPort,
                    "TCP port of the loopback listener on 127.0.0.1 (0: any free port)")
         ->check(CLI::Range(0, 65535));
+    app.add_option("--trusted-group", options.trustedGroup,
+                   "Also take loopback prompts from the members of this group (a filter running as a "
+                   "dedicated user); by default only root and the agent's own user may submit")
+        ->check(CLI::Validator(
+            [](std::string& name) {
+                return UserDatabase::groupID(name) ? std::string() : "no group is named " + name;
+            },
+            "GROUP"));
     // The coordinator reads the preview flags from the whole command line itself
     // (a flag given last has no value and is no error), so they are taken out
     // before parsing and only described here.
@@ -73,6 +86,13 @@ std::shared_ptr<UserDefaults> agentUserDefaults(const ProcessInfo& processInfo,
     return std::make_shared<InMemoryUserDefaults>();
 }
 
+std::optional<LoopbackPeerCheck::TrustedGroup> trustedGroup(const Options& options) {
+    if (options.trustedGroup.empty()) return std::nullopt;
+    const auto gid = UserDatabase::groupID(options.trustedGroup);
+    if (!gid) return std::nullopt;  // checked when the options were parsed
+    return LoopbackPeerCheck::TrustedGroup{.name = options.trustedGroup, .gid = *gid};
+}
+
 int runAgent(std::unique_ptr<AgentFrontEnd> frontEnd, const ProcessInfo& processInfo, const Options& options) {
     // With a front end its event loop is the main thread and watches the signals itself.
     boost::asio::io_context mainContext(1);
@@ -87,6 +107,11 @@ int runAgent(std::unique_ptr<AgentFrontEnd> frontEnd, const ProcessInfo& process
     auto fileSystem = defaultFileSystem();
 
     const auto bootstrap = QuillfortAgentBootstrap::make(processInfo);
+    // Before anything is made in the shared folder (the lock first).
+    if (auto closed = QuillfortSharedContainer::keepParentsPrivate(*fileSystem, std::nullopt); !closed) {
+        bootstrap.logger.error("Failed to keep the shared folder's parent folders private: %{public}s",
+                               closed.error());
+    }
 
     auto coordinator = std::make_shared<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
         .processInfo = processInfo,
@@ -113,6 +138,7 @@ int runAgent(std::unique_ptr<AgentFrontEnd> frontEnd, const ProcessInfo& process
         .clock = systemClock(),
         .uuids = randomUuidSource(),
         .loopbackPort = options.loopbackPort,
+        .trustedGroup = trustedGroup(options),
     });
 
     const bool shouldActivate = singleInstanceGuard.shouldActivateCurrentInstance();
@@ -147,6 +173,10 @@ int runAgent(std::unique_ptr<AgentFrontEnd> frontEnd, const ProcessInfo& process
 int main(int argc, char** argv, const FrontEndChooser& chooseFrontEnd) {
     // A peer that hangs up before its answer is sent must not end the agent.
     std::signal(SIGPIPE, SIG_IGN);
+    // What the agent writes is its user's alone (the status file, the rule
+    // snapshot, the lock): only the bridge's entries are opened to others, on
+    // purpose and by their own mode.
+    ::umask(077);
     const auto processInfo = ProcessInfo::current(argc, argv);
     setLogSink(defaultLogSink(processInfo));
 

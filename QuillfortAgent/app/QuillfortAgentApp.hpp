@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "QuillfortAgent/app/AgentFrontEnd.hpp"
 #include "contracts/QuillfortPromptEndpointStore.hpp"
@@ -18,6 +19,7 @@ namespace quillfort::QuillfortAgentApp {
 struct Options {
     bool headless = false;
     std::uint16_t loopbackPort = QuillfortPromptEndpointStore::defaultLoopbackPort;
+    std::string trustedGroup;  // empty: only root and the agent's own user submit over loopback
 };
 
 // Called once, before anything of the agent exists: the front end to run

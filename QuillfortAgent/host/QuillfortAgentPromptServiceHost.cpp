@@ -1,5 +1,7 @@
 #include "QuillfortAgent/host/QuillfortAgentPromptServiceHost.hpp"
 
+#include <unistd.h>
+
 #include <utility>
 
 #include "contracts/FlowPromptResolution.hpp"
@@ -40,7 +42,8 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
         bridgeQueue_->context(), clock_, uuids_, dependencies.loopbackPort,
         AgentLoopbackServer::Limits{.requestTimeout = dependencies.loopbackRequestTimeout,
                                     .maximumRequestSize = dependencies.maximumRequestSize,
-                                    .frameBytesBudget = dependencies.loopbackFrameBytesBudget});
+                                    .frameBytesBudget = dependencies.loopbackFrameBytesBudget},
+        std::make_unique<LoopbackPeerCheck>(::geteuid(), std::move(dependencies.trustedGroup)));
 }
 
 QuillfortAgentPromptServiceHost::~QuillfortAgentPromptServiceHost() {

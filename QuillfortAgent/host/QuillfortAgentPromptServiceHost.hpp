@@ -57,6 +57,9 @@ public:
         std::shared_ptr<Clock> clock;                         // default: the system clock
         std::shared_ptr<UuidSource> uuids;                    // default: random identifiers
         std::uint16_t loopbackPort = QuillfortPromptEndpointStore::defaultLoopbackPort;  // 0: any free port
+        // Beside root and the agent's own user, the group whose members may
+        // submit prompts over loopback (a filter running as a dedicated user).
+        std::optional<LoopbackPeerCheck::TrustedGroup> trustedGroup = std::nullopt;
         // Limits on what other processes may make the agent hold.
         std::chrono::milliseconds loopbackRequestTimeout = defaultLoopbackRequestTimeout;
         std::uint32_t maximumRequestSize = defaultMaximumRequestSize;

@@ -132,12 +132,13 @@ bool isLoopbackError(const Error& error, LoopbackPromptErrorCode code) {
 
 AgentLoopbackServer::AgentLoopbackServer(boost::asio::io_context& queue, std::shared_ptr<Clock> clock,
                                          std::shared_ptr<UuidSource> uuids, std::uint16_t requestedPort,
-                                         Limits limits)
+                                         Limits limits, std::unique_ptr<LoopbackPeerCheck> peerCheck)
     : queue_(queue),
       clock_(std::move(clock)),
       uuids_(std::move(uuids)),
       requestedPort_(requestedPort),
-      limits_(limits) {}
+      limits_(limits),
+      peerCheck_(std::move(peerCheck)) {}
 
 void AgentLoopbackServer::start(BridgePromptIntake intake, ReadinessHandler onReadiness) {
     // Clients only ever connect to 127.0.0.1, so nothing beyond this machine
@@ -226,18 +227,21 @@ void AgentLoopbackServer::receiveRequest(const std::shared_ptr<LoopbackConnectio
     }
     connections_.push_back(connection);
 
-    receiveFrame(connection, [weak = weak_from_this(), connection](Result<std::string> frame) {
+    // Asked while the peer is surely still connected; what it sends is read
+    // either way, so that it is answered rather than cut off.
+    const auto verdict = peerCheck_->check(connection->peer(), listener_->localEndpoint());
+    receiveFrame(connection, [weak = weak_from_this(), connection, verdict](Result<std::string> frame) {
         auto self = weak.lock();
         if (!self) {
             connection->close();
             return;
         }
-        self->handleFrame(connection, std::move(frame));
+        self->handleFrame(connection, verdict, std::move(frame));
     });
 }
 
 void AgentLoopbackServer::handleFrame(const std::shared_ptr<LoopbackConnection>& connection,
-                                      Result<std::string> frame) {
+                                      const LoopbackPeerCheck::Verdict& verdict, Result<std::string> frame) {
     if (!frame && (isLoopbackError(frame.error(), LoopbackPromptErrorCode::payloadTooLarge) ||
                    isLoopbackError(frame.error(), LoopbackPromptErrorCode::frameBudgetExceeded))) {
         // The client is told why, rather than left with a closed connection.
@@ -260,6 +264,18 @@ void AgentLoopbackServer::handleFrame(const std::shared_ptr<LoopbackConnection>&
         return;
     }
     auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*frame);
+    if (!verdict.trusted) {
+        // Nothing of it reaches the queue; the refusal was logged by the check.
+        sendResponse(
+            QuillfortPromptBridgeResponseEnvelope{
+                .promptID = envelope ? envelope->request.id : uuids_->next(),
+                .response = std::nullopt,
+                .errorMessage = peerCheck_->refusalMessage(verdict),
+                .createdAt = now(),
+            },
+            connection);
+        return;
+    }
     if (!envelope) {
         logger_.error("Failed to decode the loopback prompt request: %{public}s", envelope.error().description());
         sendResponse(
