@@ -17,6 +17,8 @@ inline constexpr std::string_view flowFilterMonitorSnapshotFilename = "FlowFilte
 inline constexpr std::string_view processGraphSnapshotFilename = "ProcessGraphSnapshot.json";
 inline constexpr std::string_view promptAgentStatusFilename = "PromptAgentStatus.json";
 inline constexpr std::string_view promptAgentAutomationCommandFilename = "PromptAgentAutomationCommand.json";
+// The agent's single-instance lock, in the container's QuillfortPromptBridge folder.
+inline constexpr std::string_view agentLockFilename = "QuillfortAgent.lock";
 
 // The system's group container when it has one; otherwise the Group Containers
 // fallback under the first known of: homeDirectory, the console user's home,

@@ -62,6 +62,9 @@ void describeOptions(CLI::App& app, Options& options) {
         "  --automation-preview-protocol tcp|udp  Transport protocol of the preview prompts");
 }
 
+// Bad arguments end the agent with this status, as they end the tool.
+constexpr int badArgumentsStatus = 2;
+
 // Parses what is left once the preview flags are out. A launch that ends on a
 // bad argument still writes its launch line first, as every launch does.
 // Nothing when the agent is to run, else the exit status.
@@ -72,8 +75,10 @@ std::optional<int> parseOptions(CLI::App& app, const ProcessInfo& processInfo) {
     try {
         app.parse(static_cast<int>(argv.size()), argv.data());
     } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) QuillfortAgentBootstrap::make(processInfo).logLaunch();
-        return app.exit(error);
+        if (error.get_exit_code() == 0) return app.exit(error);  // --help
+        QuillfortAgentBootstrap::make(processInfo).logLaunch();
+        (void)app.exit(error);  // says what was wrong
+        return badArgumentsStatus;
     }
     return std::nullopt;
 }

@@ -209,6 +209,16 @@ TEST(AgentEndToEndOtherUser, IsRefusedOverLoopbackAndKeptOutOfTheSharedFolder) {
     }
 }
 
+TEST_F(AgentEndToEnd, BadOptionsEndTheLaunchWithStatusTwo) {
+    const std::vector<std::string> cases[] = {
+        {"--no-such-option"}, {"--loopback-port", "70000"}, {"--trusted-group", "no-such-group-of-quillfort"}};
+    for (const auto& arguments : cases) {
+        auto launch = sandbox_.startAgent(arguments);
+        EXPECT_EQ(launch.waitFor(processDeadline), 2) << arguments.front();
+        EXPECT_THAT(launch.standardError(), HasSubstr(arguments.front())) << arguments.front();
+    }
+}
+
 TEST_F(AgentEndToEnd, ListenerKeepsServingAfterRunningOutOfDescriptors) {
     auto& agent = sandbox_.launchAgent(directive("allow-once"));
     // Leave the agent a few descriptors only, then connect more clients than that.
