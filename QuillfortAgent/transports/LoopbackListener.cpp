@@ -63,7 +63,23 @@ Result<std::shared_ptr<LoopbackListener>> LoopbackListener::make(boost::asio::io
     // in TIME_WAIT; it does not let two listeners share the port.
     listener->acceptor_.set_option(boost::asio::socket_base::reuse_address(true), code);
     if (code) return std::unexpected(errorFrom(code));
+    listener->listen();
     return listener;
+}
+
+// Clients may connect from here on; the kernel holds their connections until
+// start() runs on the queue, so the port is open as soon as the agent is.
+void LoopbackListener::listen() {
+    boost::system::error_code code;
+    acceptor_.bind(endpoint_, code);
+    if (!code) acceptor_.listen(boost::asio::socket_base::max_listen_connections, code);
+    if (!code) acceptor_.non_blocking(true, code);
+    if (code) {
+        listenError_ = errorFrom(code);
+        return;
+    }
+    const auto local = acceptor_.local_endpoint(code);
+    boundPort_ = code ? endpoint_.port() : local.port();
 }
 
 void LoopbackListener::start(StateHandler stateHandler, ConnectionHandler connectionHandler,
@@ -71,17 +87,11 @@ void LoopbackListener::start(StateHandler stateHandler, ConnectionHandler connec
     if (cancelled_) return;
     connectionHandler_ = std::move(connectionHandler);
     acceptErrorHandler_ = std::move(acceptErrorHandler);
-
-    boost::system::error_code code;
-    acceptor_.bind(endpoint_, code);
-    if (!code) acceptor_.listen(boost::asio::socket_base::max_listen_connections, code);
-    if (!code) acceptor_.non_blocking(true, code);
-    if (code) {
-        if (stateHandler) stateHandler(State::failed, errorFrom(code));
+    if (listenError_) {
+        boundPort_ = 0;
+        if (stateHandler) stateHandler(State::failed, listenError_);
         return;
     }
-    const auto local = acceptor_.local_endpoint(code);
-    boundPort_ = code ? endpoint_.port() : local.port();
     if (stateHandler) stateHandler(State::ready, std::nullopt);
     acceptWaiting();
 }

@@ -41,13 +41,12 @@ public:
     static constexpr int acceptBatch = 16;
 
     // Creates the socket for `host` (an IPv4 literal) and `port` (0: any free
-    // port). Binding happens in start(), so an address in use is a failed
-    // state, not an error here.
+    // port), binds and listens; an address in use is reported as the failed
+    // state by start(), not as an error here.
     [[nodiscard]] static Result<std::shared_ptr<LoopbackListener>> make(boost::asio::io_context& context,
                                                                         const std::string& host, std::uint16_t port);
 
-    // On the queue: binds and listens, reports ready (or failed, and stops),
-    // then accepts.
+    // On the queue: reports ready (or failed, and stops), then accepts.
     void start(StateHandler stateHandler, ConnectionHandler connectionHandler,
                AcceptErrorHandler acceptErrorHandler = {});
 
@@ -62,6 +61,7 @@ public:
 private:
     LoopbackListener(boost::asio::io_context& context, boost::asio::ip::tcp::endpoint endpoint);
 
+    void listen();
     void waitForConnections();
     void acceptWaiting();
 
@@ -71,6 +71,7 @@ private:
     boost::asio::ip::tcp::endpoint endpoint_;
     ConnectionHandler connectionHandler_;
     AcceptErrorHandler acceptErrorHandler_;
+    std::optional<Error> listenError_;
     bool cancelled_ = false;
     std::atomic<std::uint16_t> boundPort_{0};
 };
