@@ -73,13 +73,16 @@ void AgentFileBridge::waitForTick() {
         });
 }
 
-// Idle, a tick is one stat of the requests directory: the watch reports each
-// file as it lands, and this look is the net for what it cannot see (a
-// directory replaced under it, a watch that failed).
+// Idle, a tick is one look at the watch: while it works, every file that
+// landed (request or command) and every loss of a directory has already been
+// handled when it was reported, and there is nothing to look for. Without a
+// working watch the tick stats the requests directory, lists it when that
+// changed, and looks for the command file.
 void AgentFileBridge::tick() {
+    if (directoryWatcher_ && directoryWatcher_->watching()) return;
     if (requestsMayHaveChanged()) {
         processPendingRequests();
-    } else if (!directoryWatcher_ || !directoryWatcher_->watching()) {
+    } else {
         afterPoll_();
     }
 }

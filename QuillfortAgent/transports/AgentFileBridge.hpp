@@ -1,7 +1,8 @@
 // The file transport of the service host: the 100 ms poll of this session's
 // requests directory (with an inotify watch so most requests need no tick),
 // each request file decoded and handed to the host, and its answer written as a
-// response file named after the prompt. An idle tick costs one stat.
+// response file named after the prompt. While the watch works, an idle tick
+// costs nothing but its wake-up.
 #pragma once
 
 #include <chrono>
@@ -45,8 +46,7 @@ public:
 
     // Polls at once and then on every tick. `intake` gets each decoded request;
     // `afterPoll` (the automation command's look) runs after every listing of
-    // the directory, and on every tick while no watch reports the session
-    // directory's changes.
+    // the directory, and on every tick while no watch reports the changes.
     void start(Directories directories, BridgePromptIntake intake, std::function<void()> afterPoll);
     // Ends the poll and the watch; requests handed on still get their answers
     // written if the host lives on. Idempotent.
