@@ -19,6 +19,11 @@ inline constexpr const char* interfaceName = "com.vessimo.Quillfort.Agent";
 //   Resolve(s id, s preset)       "" answers with the prompt's current choice
 //   Cancel(s id)
 //   CancelAll()
+//   ListRules() -> s              {"rules":[{"id","name","enabled","action","scope","origin","priority",
+//                                 "conditions","expiresAt"?}...],"problem"?}
+//   EnableRule(s id), DisableRule(s id), DeleteRule(s id)   a whole id or a unique prefix of one
+//   ExpireRule(s id, s duration)  "90s", "15m", "2h", "1d", or "never"
+//   ShowStatusWindow()            brings the status window forward (fails on a headless agent)
 // Signal QueueChanged(u count): the queue or a queued prompt's choice changed.
 //
 // How many other prompts an answer would also settle costs a pass over the
@@ -33,10 +38,18 @@ inline constexpr const char* setReuseExistingSignerRule = "SetReuseExistingSigne
 inline constexpr const char* resolve = "Resolve";
 inline constexpr const char* cancel = "Cancel";
 inline constexpr const char* cancelAll = "CancelAll";
+inline constexpr const char* listRules = "ListRules";
+inline constexpr const char* enableRule = "EnableRule";
+inline constexpr const char* disableRule = "DisableRule";
+inline constexpr const char* deleteRule = "DeleteRule";
+inline constexpr const char* expireRule = "ExpireRule";
+inline constexpr const char* showStatusWindow = "ShowStatusWindow";
 inline constexpr const char* queueChanged = "QueueChanged";
 
 // Errors a call may end with besides the bus's own.
 inline constexpr const char* noSuchPromptError = "com.vessimo.Quillfort.Agent.Error.NoSuchPrompt";
+inline constexpr const char* noSuchRuleError = "com.vessimo.Quillfort.Agent.Error.NoSuchRule";
+inline constexpr const char* noWindowError = "com.vessimo.Quillfort.Agent.Error.NoWindow";
 inline constexpr const char* invalidArgsError = "org.freedesktop.DBus.Error.InvalidArgs";
 inline constexpr const char* failedError = "org.freedesktop.DBus.Error.Failed";
 

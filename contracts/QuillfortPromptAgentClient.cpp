@@ -372,6 +372,12 @@ private:
     }
 
     void look() {
+        // The caller stopped waiting (the agent it asked is gone): the agent
+        // that comes next must not find an orphaned request.
+        if (hasGivenUp(givenUp_)) {
+            removeBothFiles();
+            return finish(fixedTransportFailure(Messages::timedOut));
+        }
         auto bytes = fileSystem_->readFile(responseFile_);
         if (!bytes || bytes->empty()) {
             if (!deadline_ || std::chrono::steady_clock::now() < *deadline_) return scheduleNextLook();
@@ -617,6 +623,16 @@ QuillfortPromptAgentClientResult QuillfortPromptAgentClient::submitSync(const Fl
         return std::unexpected(ClientError::missingResponse());
     } catch (...) {
         return std::unexpected(failureFromException(std::current_exception()));
+    }
+}
+
+void QuillfortPromptAgentClient::submit(const FlowPromptRequest& request, Completion completion,
+                                        std::shared_ptr<const std::atomic<bool>> cancelled) const {
+    auto once = onceOnly(std::move(completion));
+    try {
+        submit(request, std::nullopt, once, std::move(cancelled));
+    } catch (...) {
+        once(std::unexpected(failureFromException(std::current_exception())));
     }
 }
 

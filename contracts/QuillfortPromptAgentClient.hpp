@@ -115,6 +115,12 @@ public:
     // answer as long as it takes.
     void submit(const FlowPromptRequest& request, Completion completion) const;
 
+    // Like submit, for a caller that may stop waiting: once `cancelled` is set,
+    // a request not yet sent never is, a file-bridge wait ends and removes its
+    // files, and the completion receives transportFailure(timedOut).
+    void submit(const FlowPromptRequest& request, Completion completion,
+                std::shared_ptr<const std::atomic<bool>> cancelled) const;
+
     // Waits at most `timeoutSeconds` (the bridge and every step of the loopback
     // exchange get the same limit). On time-out the work goes on in the
     // background and its late result is dropped; a request not yet sent by then

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # CI: builds the Debian package from the default build, installs it, runs the
 # installed agent as a new user would (fresh HOME, bare environment), puts one
-# prompt through it with the installed `quillfort` and answers it, checks the
-# login item, manual pages and desktop files, then removes the package.
+# prompt through it with the installed `quillfort` and answers it, runs the
+# installed filter in a network namespace, checks the login item, manual
+# pages, units and desktop files, then removes the package.
 # The machine is left as it was found: the package and anything apt pulled in
 # with it are purged again, also when a step fails. Any failing step fails the
 # script. Needs a finished default build (scripts/test.sh makes one).
@@ -65,8 +66,10 @@ for file in /usr/bin/quillfort-agent /usr/bin/quillfort /usr/libexec/quillfort/q
   /usr/share/icons/hicolor/scalable/apps/quillfort-agent.svg \
   /usr/share/icons/hicolor/symbolic/apps/quillfort-agent-symbolic.svg \
   /usr/share/applications/quillfort-agent.desktop /etc/xdg/autostart/quillfort-agent.desktop \
-  /usr/lib/systemd/user/quillfort-agent.service \
-  /usr/share/man/man1/quillfort.1.gz /usr/share/man/man1/quillfort-agent.1.gz; do
+  /usr/lib/systemd/user/quillfort-agent.service /usr/share/dbus-1/services/com.vessimo.Quillfort.Agent.service \
+  /usr/sbin/quillfort-filter /usr/lib/systemd/system/quillfort-filter.service \
+  /usr/share/man/man1/quillfort.1.gz /usr/share/man/man1/quillfort-agent.1.gz \
+  /usr/share/man/man8/quillfort-filter.8.gz; do
   grep -qx "$file" "$work/files" && [ -e "$file" ] || fail "the package does not install $file"
 done
 
@@ -74,10 +77,13 @@ step "checking the desktop entries, the unit and the manual pages"
 if command -v desktop-file-validate >/dev/null; then
   desktop-file-validate /usr/share/applications/quillfort-agent.desktop /etc/xdg/autostart/quillfort-agent.desktop
 fi
-for page in quillfort quillfort-agent; do
-  warnings=$(MANWIDTH=80 man --warnings -l "/usr/share/man/man1/$page.1.gz" 2>&1 >/dev/null)
+for page in man1/quillfort.1 man1/quillfort-agent.1 man8/quillfort-filter.8; do
+  warnings=$(MANWIDTH=80 man --warnings -l "/usr/share/man/$page.gz" 2>&1 >/dev/null)
   [ -z "$warnings" ] || fail "man $page: $warnings"
 done
+if command -v systemd-analyze >/dev/null; then
+  systemd-analyze verify /usr/lib/systemd/system/quillfort-filter.service || fail "the filter's unit does not verify"
+fi
 
 # A new user: an empty home and only the basic variables.
 home="$work/home"
@@ -117,6 +123,26 @@ wait "$prompt_pid" || { cat "$work/prompt.err" >&2; fail "quillfort prompt"; }
 grep -q "\"promptID\" *: *\"$prompt_id\"" "$work/response.json" &&
   grep -q '"action" *: *"drop"' "$work/response.json" ||
   { cat "$work/response.json" >&2; fail "the answer is not the block given"; }
+
+# The installed filter in a network namespace of its own: it installs its
+# table, serves the fresh home's folder, and leaves nothing behind on SIGTERM.
+if [ "$(id -u)" -eq 0 ] && unshare --net true 2>/dev/null; then
+  step "running the installed filter in a network namespace"
+  unshare --net bash -c '
+    set -euo pipefail
+    ip link set lo up
+    /usr/sbin/quillfort-filter --home "$1" --state-dir "$2/filter-state" --status-file "$2/filter-status.json" \
+      --config "$2/none.json" 2>"$2/filter.log" &
+    filter=$!
+    for _ in $(seq 100); do grep -q "is filtering new flows" "$2/filter.log" && break; sleep 0.1; done
+    nft list tables | grep -qx "table inet quillfort"
+    /usr/bin/quillfort filter status --status-file "$2/filter-status.json" | grep -q "^Flow Filter: *Running"
+    kill -TERM "$filter"; wait "$filter"
+    [ -z "$(nft list tables)" ]
+  ' filter-check "$home" "$work" || { cat "$work/filter.log" >&2; fail "the installed filter"; }
+else
+  step "skipping the installed filter (needs root and network namespaces)"
+fi
 
 step "switching the login item off and on"
 # No systemd user manager runs here, so the autostart entry is the login item.

@@ -48,6 +48,25 @@ window_id() {
   echo "screenshots.sh: no window named $1" >&2; cat "$work/agent.log" >&2; exit 1
 }
 
+# start_agent_with_rules [environment assignments...]: a fresh home holding the
+# sample rules and flow events, the agent without prompts (its status window
+# opens at start, as Xvfb has no tray).
+start_agent_with_rules() {
+  export HOME=$work/home-$RANDOM
+  local shared="$HOME/Library/Group Containers/group.com.vessimo.Quillfort.shared"
+  mkdir -p "$shared"
+  cp scripts/screenshot-samples/RuleSnapshot.json scripts/screenshot-samples/FlowFilterMonitorSnapshot.json "$shared/"
+  env "$@" "$agent" --loopback-port "$port" >"$work/agent.log" 2>&1 &
+  pids+=($!)
+}
+
+key_in() {  # key_in <window name> <keys...>
+  local id; id=$(window_id "$1"); shift
+  xdotool windowfocus --sync "$id"
+  xdotool key --window "$id" "$@"
+  sleep 0.4
+}
+
 shoot() {  # shoot <window name> <file>
   local id; id=$(window_id "$1")
   sleep 1  # let the guard pass and the window settle
@@ -68,6 +87,9 @@ shoot "Quillfort Prompt" decision-light.png
 click_in "Quillfort Prompt" 300 "${DETAILS_Y:-243}"
 click_in "Quillfort Prompt" 300 "${SCOPE_Y:-391}"
 shoot "Quillfort Prompt" decision-light-expanded.png
+# The decision window opens in the middle of the screen: out of the status window's way.
+xdotool windowmove "$(window_id "Quillfort Prompt")" 1650 0
+xdotool windowmove "$(window_id "Quillfort Agent")" 0 0
 shoot "Quillfort Agent" status-view.png
 stop_all
 
@@ -83,7 +105,7 @@ export HOME=$work/home-signer
 mkdir -p "$HOME"
 "$agent" --loopback-port "$port" >"$work/agent.log" 2>&1 &
 pids+=($!)
-sleep 1
+for _ in $(seq 200); do grep -q 'Listening for loopback prompt requests' "$work/agent.log" && break; sleep 0.05; done
 "$tool" prompt --host api.example.com --port 443 --exe /usr/bin/curl --signing-id com.example.curl.v1 \
   --home "$HOME" --loopback "127.0.0.1:$port" --timeout 30 >/dev/null &
 window_id "Quillfort Prompt" >/dev/null
@@ -100,4 +122,29 @@ stop_all
 start_display 74 2400x2000x24
 start_agent QT_SCALE_FACTOR=2
 shoot "Quillfort Prompt" decision-scale2.png
+stop_all
+
+# The status window's rules and network views: light, dark and at twice the
+# scale; one rule chosen (its controls below the list) and an hour given to it.
+rules_and_network() {  # rules_and_network <suffix> <click scale>
+  window_id "Quillfort Agent" >/dev/null
+  sleep 1
+  key_in "Quillfort Agent" ctrl+2
+  click_in "Quillfort Agent" $((300 * $2)) $((216 * $2))
+  shoot "Quillfort Agent" "rules-$1.png"
+  key_in "Quillfort Agent" ctrl+3
+  click_in "Quillfort Agent" $((300 * $2)) $((170 * $2))
+  shoot "Quillfort Agent" "network-$1.png"
+}
+start_display 75 2400x1200x24
+start_agent_with_rules
+rules_and_network light 1
+stop_all
+start_display 76 2400x1200x24
+start_agent_with_rules QUILLFORT_AGENT_APPEARANCE=dark
+rules_and_network dark 1
+stop_all
+start_display 77 2400x2000x24
+start_agent_with_rules QT_SCALE_FACTOR=2
+rules_and_network scale2 2
 stop_all

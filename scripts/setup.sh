@@ -13,10 +13,12 @@ packages=(
   libboost1.81-dev libboost-json1.81-dev
   libfmt-dev libsystemd-dev libcli11-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  qt6-base-dev libxcb1-dev fonts-dejavu-core xvfb xdotool imagemagick
+  qt6-base-dev qt6-wayland libxcb1-dev fonts-dejavu-core xvfb xdotool imagemagick
   dpkg-dev file man-db desktop-file-utils
   dbus jq tmux libncurses-dev
   clang-16 libclang-rt-16-dev llvm
+  libmnl-dev libnetfilter-queue-dev libbpf-dev bpftool libssl-dev
+  nftables iptables iproute2
 )
 for arg in "$@"; do
   case "$arg" in

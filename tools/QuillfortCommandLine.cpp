@@ -14,8 +14,13 @@
 #include "contracts/QuillfortPromptAgentClient.hpp"
 #include "contracts/QuillfortPromptEndpointStore.hpp"
 #include "contracts/QuillfortSharedContainer.hpp"
+#include "contracts/QuillfortAgentBusInterface.hpp"
+#include "contracts/RuleExpiryStore.hpp"
+#include "contracts/RuleSnapshotEditor.hpp"
 #include "contracts/RuleSnapshotStore.hpp"
+#include "tools/AgentBusClient.hpp"
 #include "model/Text.hpp"
+#include "tools/FilterCommands.hpp"
 #include "tools/QuillfortWatch.hpp"
 #include "tools/RuleFormatting.hpp"
 #include "tools/StatusFormatting.hpp"
@@ -44,6 +49,8 @@ struct PromptCommand {
 
 struct Options {
     std::string home;
+    std::string ruleID;
+    std::string duration;
     bool json = false;
     std::string promptID;
     std::string preset;
@@ -162,7 +169,88 @@ int runRules(const Options& options, const Environment& environment, std::ostrea
         out << noRules << '\n';
         return exitSuccess;
     }
-    out << RuleFormatting::formatRuleTable(**snapshot);
+    std::map<Uuid, Date> expiries;
+    const auto home = homeFrom(options.home) ? homeFrom(options.home) : fileSystem.currentHomeDirectory();
+    const auto xdg = options.home.empty() && environment.variables.contains("XDG_CONFIG_HOME")
+                         ? std::optional(environment.variables.at("XDG_CONFIG_HOME"))
+                         : std::nullopt;
+    if (auto stored = RuleExpiryStore(fileSystem, RuleExpiryStore::standardLocation(xdg, home)).loadMap())
+        expiries = std::move(*stored);
+    else
+        err << "quillfort: the ends of timed rules cannot be read: " << stored.error().description << '\n';
+    out << RuleFormatting::formatRuleTable(**snapshot, expiries, dateFrom(environment.clock->now()));
+    return exitSuccess;
+}
+
+// The running agent on the session bus, or why there is none. With --home the
+// tool works on another user's folder, which this session's agent does not keep.
+std::expected<std::unique_ptr<AgentBusClient>, std::string> sessionAgent(const Options& options) {
+    if (!options.home.empty()) return std::unexpected("--home names a folder the session's agent does not keep");
+    return AgentBusClient::connect();
+}
+
+int runRuleChange(const std::string& change, const Options& options, const Environment& environment,
+                  std::ostream& out, std::ostream& err) {
+    namespace bus = QuillfortAgentBusInterface;
+    std::optional<std::chrono::seconds> after;
+    if (change == "expire" && options.duration != "never") {
+        after = RuleExpiryDuration::parse(options.duration);
+        if (!after)
+            return failure(err, fmt::format("\"{}\" is not a duration: use 90s, 15m, 2h, 1d or never", options.duration),
+                           exitUsage);
+    }
+    const std::string done = change == "enable"    ? "Enabled"
+                             : change == "disable" ? "Disabled"
+                             : change == "delete"  ? "Deleted"
+                                                   : "Set the end of";
+
+    // The running agent does the change, so its views and timers know at once.
+    if (auto agent = sessionAgent(options)) {
+        const char* method = change == "enable"    ? bus::enableRule
+                             : change == "disable" ? bus::disableRule
+                             : change == "delete"  ? bus::deleteRule
+                                                   : bus::expireRule;
+        std::vector<std::string> arguments{options.ruleID};
+        if (change == "expire") arguments.push_back(options.duration);
+        auto called = (*agent)->call(method, arguments);
+        if (called) {
+            out << fmt::format("{} rule {}.\n", done, options.ruleID);
+            return exitSuccess;
+        }
+        if (!called.error().agentMissing()) return failure(err, called.error().message);
+    }
+    if (change == "expire")
+        return failure(err, "a rule's end is kept by the running agent, which removes the rule at its time; start "
+                            "quillfort-agent first");
+
+    // No agent: the file itself, under the same lock the agent takes.
+    FileSystem& fileSystem = *environment.fileSystem;
+    auto location = QuillfortSharedContainer::ruleSnapshotURL(fileSystem, homeFrom(options.home));
+    if (!location) return failure(err, "cannot tell where the shared container is: no home directory is known");
+    auto snapshot = RuleSnapshotStore(fileSystem, location).loadIfPresent();
+    if (!snapshot)
+        return failure(err, fmt::format("cannot read {}: {}", location->string(), snapshot.error().description));
+    auto rule = findRuleByIDPrefix(*snapshot ? (**snapshot).rules : std::vector<Rule>{}, options.ruleID);
+    if (!rule) return failure(err, rule.error());
+    const RuleChange edit = change == "delete" ? RuleChanges::remove(rule->id)
+                                               : RuleChanges::setEnabled(rule->id, change == "enable");
+    auto edited = RuleSnapshotEditor(fileSystem, location).edit(edit, dateFrom(environment.clock->now()));
+    if (!edited) return failure(err, edited.error().description);
+    out << fmt::format("{} rule {} \"{}\".\n", done, RuleFormatting::shortID(rule->id), rule->name);
+    return exitSuccess;
+}
+
+// --- show ---------------------------------------------------------------------------
+
+int runShow(const Options& options, std::ostream& out, std::ostream& err) {
+    auto agent = sessionAgent(options);
+    if (!agent) return failure(err, fmt::format("no session bus to reach the agent on: {}", agent.error()));
+    auto called = (*agent)->call(QuillfortAgentBusInterface::showStatusWindow);
+    if (!called) {
+        if (called.error().agentMissing()) return failure(err, "no Quillfort agent runs in this session");
+        return failure(err, called.error().message);
+    }
+    out << "Brought the agent's status window forward.\n";
     return exitSuccess;
 }
 
@@ -327,8 +415,9 @@ std::expected<FlowPromptRequest, std::string> buildPromptRequest(const PromptFlo
 int run(const std::vector<std::string>& arguments, const Environment& environment, std::ostream& out,
         std::ostream& err) {
     try {
-        CLI::App app{"Talks to the Quillfort prompt agent: submit a prompt, show the agent's status and the shared "
-                     "rules, answer a queued prompt, switch its start at login.",
+        CLI::App app{"Talks to the Quillfort prompt agent and filter: submit a prompt, show the agent's status and "
+                     "the shared rules, change a rule, answer a queued prompt, switch its start at login, show or "
+                     "set up the filter.",
                      "quillfort"};
         app.require_subcommand(1);
         Options options;
@@ -385,10 +474,26 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
         addHomeOption(*statusCommand, options);
         statusCommand->add_flag("--json", options.json, "Print the status file as it is");
 
-        auto* rulesCommand = app.add_subcommand("rules", "List the rules in the shared rule snapshot.");
+        auto* rulesCommand = app.add_subcommand(
+            "rules", "List the rules in the shared rule snapshot, or change one (enable, disable, delete, expire).");
         addHomeOption(*rulesCommand, options);
         rulesCommand->add_flag("--json", options.json,
                                "Print the snapshot file as it is (\"No rules yet.\" goes to standard error)");
+        rulesCommand->require_subcommand(0, 1);
+        std::vector<std::pair<std::string, CLI::App*>> ruleChanges;
+        for (const auto& [name, what] : {std::pair{"enable", "Switch a rule on"}, std::pair{"disable", "Switch a rule off"},
+                                         std::pair{"delete", "Delete a rule"},
+                                         std::pair{"expire", "End a rule after a time (the running agent removes it)"}}) {
+            auto* change = rulesCommand->add_subcommand(name, what);
+            addHomeOption(*change, options);
+            change->add_option("ID", options.ruleID, "The rule's id or its first characters, as `quillfort rules` shows")
+                ->required();
+            if (std::string_view(name) == "expire")
+                change->add_option("DURATION", options.duration, "90s, 15m, 2h, 1d, ... or never")->required();
+            ruleChanges.emplace_back(name, change);
+        }
+
+        auto* showCommand = app.add_subcommand("show", "Bring the running agent's status window forward.");
 
         auto* answerCommand = app.add_subcommand("answer", "Answer a queued prompt with a preset.");
         addHomeOption(*answerCommand, options);
@@ -406,6 +511,9 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
         loginItemCommand->add_option("ACTION", loginItemAction, "enable, disable or status")
             ->check(CLI::IsMember({"enable", "disable", "status"}))
             ->required();
+
+        FilterCommands::Options filter;
+        auto* filterCommand = FilterCommands::describe(app, filter);
 
         try {
             std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
@@ -432,10 +540,14 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
             return runPrompt(prompt, request->count() > 0, options, environment, out, err);
         }
         if (statusCommand->parsed()) return runStatus(options, environment, out, err);
+        for (const auto& [name, change] : ruleChanges)
+            if (change->parsed()) return runRuleChange(name, options, environment, out, err);
         if (rulesCommand->parsed()) return runRules(options, environment, out, err);
+        if (showCommand->parsed()) return runShow(options, out, err);
         if (answerCommand->parsed()) return runAnswer(options, environment, out, err);
         if (loginItemCommand->parsed()) return runLoginItem(loginItemAction, environment, out, err);
         if (watchCommand->parsed()) return QuillfortWatch::run(options.home, environment, err);
+        if (filterCommand->parsed()) return FilterCommands::run(filter, *environment.fileSystem, out, err);
         return failure(err, "no command given", exitUsage);
     } catch (const std::exception& error) {
         return failure(err, error.what());

@@ -21,7 +21,7 @@
 #include "platform/Clock.hpp"
 #include "platform/FileSystem.hpp"
 #include "tools/LoginItem.hpp"
-#include "tools/ProcessLineage.hpp"
+#include "QuillfortFilter/process/ProcessLineage.hpp"
 
 namespace quillfort::QuillfortCommandLine {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 
 #include "model/Date.hpp"
-#include "tools/ProcessLineage.hpp"
+#include "QuillfortFilter/process/ProcessLineage.hpp"
 
 namespace quillfort::RunningAgent {
 

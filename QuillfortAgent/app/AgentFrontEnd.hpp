@@ -11,6 +11,7 @@
 namespace quillfort {
 
 class AgentPromptCoordinator;
+class AgentRuleBook;
 
 class AgentFrontEnd {
 public:
@@ -20,8 +21,11 @@ public:
     [[nodiscard]] virtual std::shared_ptr<MainThreadExecutor> mainThread() const = 0;
     // Start-up step 4: the presenter, watching the coordinator but showing nothing yet.
     virtual void buildPresenter(std::shared_ptr<AgentPromptCoordinator> coordinator) = 0;
-    // Start-up step 10: the presenter starts and the front end shows itself.
-    virtual void start() = 0;
+    // Start-up step 10: the presenter starts and the front end shows itself;
+    // its rules and network views work on `rules`.
+    virtual void start(std::shared_ptr<AgentRuleBook> rules) = 0;
+    // Brings the status window forward (from the session bus, `quillfort show`).
+    virtual void showStatusWindow() = 0;
     // Runs the event loop until SIGINT or SIGTERM; returns the exit status.
     virtual int run() = 0;
 };

@@ -19,6 +19,7 @@
 #include "QuillfortAgent/automation/AgentPreviewPrompts.hpp"
 #include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/coordinator/CachedRuleSnapshotReader.hpp"
+#include "QuillfortAgent/host/AgentRuleBook.hpp"
 #include "QuillfortAgent/host/AsioMainThreadExecutor.hpp"
 #include "QuillfortAgent/host/QuillfortAgentPromptServiceHost.hpp"
 #include "QuillfortAgent/publishing/AgentSessionBusService.hpp"
@@ -150,11 +151,16 @@ int runAgent(std::unique_ptr<AgentFrontEnd> frontEnd, const ProcessInfo& process
     bootstrap.logLaunch();
     if (!shouldActivate) return 0;  // the running agent is left alone
 
+    // Session rules of an earlier run go before any prompt is served.
+    const auto ruleBook = AgentRuleBook::make(AgentRuleBook::standardDependencies(fileSystem, processInfo, mainThread));
+    ruleBook->start();
     serviceHost->start();
     // The queue on the user's session bus, for `quillfort watch` and busctl;
     // without a session bus the agent runs as before (one log line says so).
-    const auto sessionBus = AgentSessionBusService::start(coordinator, mainThread);
-    if (frontEnd) frontEnd->start();
+    AgentSessionBusService::Extras busExtras{.rules = ruleBook, .showStatusWindow = {}};
+    if (frontEnd) busExtras.showStatusWindow = [&frontEnd] { frontEnd->showStatusWindow(); };
+    const auto sessionBus = AgentSessionBusService::start(coordinator, mainThread, std::move(busExtras));
+    if (frontEnd) frontEnd->start(ruleBook);
     coordinator->seedPreviewPromptIfRequested(processInfo);
 
     if (frontEnd) {

@@ -260,6 +260,18 @@ void AgentPromptCoordinator::receivePrompt(FlowPromptRequest request, ReplyCallb
     impl.logger.log("Queued prompt %{public}s for %{public}s.", id, host);
 }
 
+void AgentPromptCoordinator::receivePromptFirst(FlowPromptRequest request, AgentPromptDecisionPreset preset,
+                                                ReplyCallback reply) {
+    auto& impl = *impl_;
+    impl.pendingReplies.insert_or_assign(request.id, std::move(reply));
+    AgentPromptSession session = impl.makeSession(request);
+    session.selectedPreset = preset;
+    const std::string id = request.id.uppercaseString();
+    const std::string host = logHost(request);
+    impl.activePrompts.mutate([&](auto& sessions) { sessions.insert(sessions.begin(), std::move(session)); });
+    impl.logger.log("Queued rule choice %{public}s for %{public}s at the front of the queue.", id, host);
+}
+
 void AgentPromptCoordinator::resolvePrompt(const Uuid& id) {
     auto& impl = *impl_;
     auto taken = impl.takeSession(id);

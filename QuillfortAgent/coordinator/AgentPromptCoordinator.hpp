@@ -66,6 +66,10 @@ public:
     [[nodiscard]] Observable<bool>& promptWindowVisible() noexcept;
 
     void receivePrompt(FlowPromptRequest request, ReplyCallback reply);
+    // A prompt the user asked for (a rule made from a flow the filter already
+    // decided): no automation answers it, it goes to the front of the queue
+    // with `preset` chosen, and its answer goes to `reply` alone.
+    void receivePromptFirst(FlowPromptRequest request, AgentPromptDecisionPreset preset, ReplyCallback reply);
     void resolvePrompt(const Uuid& id);
     void resolvePrompt(const Uuid& id, AgentPromptDecisionPreset preset);
     void cancelPrompt(const Uuid& id);

@@ -331,4 +331,19 @@ std::string rowProcess(const AgentPromptSession& session) {
 
 }  // namespace AgentStatusViewModel
 
+namespace TrafficPromptViewModel {
+
+std::string notificationSummary(const AgentPromptSession& session) {
+    return processTitle(session) + " wants to connect to " + host(session);
+}
+
+std::string notificationBody(const AgentPromptSession& session, std::size_t queuedCount) {
+    std::string body = host(session) + ":" + port(session) + " over " + proto(session);
+    if (queuedCount > 2) body += "\n" + std::to_string(queuedCount - 1) + " more prompts wait.";
+    else if (queuedCount == 2) body += "\n1 more prompt waits.";
+    return body;
+}
+
+}  // namespace TrafficPromptViewModel
+
 }  // namespace quillfort

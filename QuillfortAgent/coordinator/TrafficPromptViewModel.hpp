@@ -110,6 +110,12 @@ inline constexpr std::string_view exactTag = "exact";  // the flow's own port / 
 [[nodiscard]] std::optional<std::string> alsoAnswersText(std::size_t otherPrompts);
 
 [[nodiscard]] TrafficPromptTexts derivedTexts(const AgentPromptSession& session);
+// The desktop notification of a prompt that arrives while the user works
+// elsewhere: "curl wants to connect to api.example.com", and
+// "api.example.com:443 over TCP" with "2 more prompts wait." below when others do.
+[[nodiscard]] std::string notificationSummary(const AgentPromptSession& session);
+[[nodiscard]] std::string notificationBody(const AgentPromptSession& session, std::size_t queuedCount);
+
 
 }  // namespace TrafficPromptViewModel
 

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "contracts/FlowPromptResolution.hpp"
+#include "contracts/RuleSnapshotEditor.hpp"
 
 namespace quillfort {
 
@@ -16,6 +17,12 @@ VoidResult RuleSnapshotMerger::merge(const FlowPromptRequest& request, const Flo
     // Only a lasting answer that carries or describes a rule can change the
     // snapshot; the many one-time answers must not cost a look at the file.
     if (response.scope == RuleScope::temporary || (!response.suggestedRule && !response.ruleSelection)) return {};
+
+    // Under the snapshot's lock nobody else writes between the look below and
+    // the write: an edit made in the rules view or by the tool is never lost.
+    if (auto made = fileSystem_->createDirectories(location->parent_path()); !made) return made;
+    auto lock = RuleSnapshotLock::acquire(*location);
+    if (!lock) return std::unexpected(std::move(lock.error()));
 
     // The identity is taken before reading: should the file be replaced in
     // between, the newer rules are kept under the older identity and simply

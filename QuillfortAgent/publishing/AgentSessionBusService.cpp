@@ -23,6 +23,7 @@
 #include <fmt/format.h>
 
 #include "QuillfortAgent/coordinator/TrafficPromptViewModel.hpp"
+#include "contracts/RuleConditionText.hpp"
 #include "contracts/QuillfortAgentBusInterface.hpp"
 #include "model/Json.hpp"
 #include "support/QuillfortLogger.hpp"
@@ -82,6 +83,7 @@ json::object textsJson(const AgentPromptSession& session) {
 struct AgentSessionBusService::Core : std::enable_shared_from_this<Core> {
     std::shared_ptr<AgentPromptCoordinator> coordinator;
     std::shared_ptr<MainThreadExecutor> mainThread;
+    Extras extras;
     Logger logger{QuillfortLogCategory::agent};
 
     // The bus side. Touched by the bus thread while it runs, by the owner
@@ -249,7 +251,69 @@ struct AgentSessionBusService::Core : std::enable_shared_from_this<Core> {
         return serializeCompact(out);
     }
 
-    CallResult perform(const std::string& member, const std::vector<std::string>& args) {
+    std::string ruleListing() const {
+        const auto& state = extras.rules->state().value();
+        json::array rules;
+        for (const auto& rule : state.rules) {
+            json::object out;
+            out["id"] = rule.id.uppercaseString();
+            out["name"] = rule.name;
+            out["enabled"] = rule.enabled;
+            out["action"] = rawValue(rule.action);
+            out["scope"] = rawValue(rule.scope);
+            out["origin"] = rawValue(rule.origin);
+            out["priority"] = rule.priority;
+            out["conditions"] = RuleConditionText::conditionsText(rule);
+            if (const auto end = state.expiries.find(rule.id); end != state.expiries.end())
+                out["expiresAt"] = iso8601String(end->second);
+            rules.push_back(std::move(out));
+        }
+        json::object out;
+        out["rules"] = std::move(rules);
+        if (state.problem) out["problem"] = *state.problem;
+        return serializeCompact(out);
+    }
+
+    // The rule methods: answered once the rule queue has done the change.
+    std::optional<CallResult> performRule(const std::string& member, const std::vector<std::string>& args,
+                                          const std::function<void(CallResult)>& answerLater) {
+        if (!extras.rules) return std::unexpected(CallFailure{bus::failedError, "This agent keeps no rules."});
+        if (member == bus::listRules) return ruleListing();
+        if (args.empty()) return invalid("A rule id is needed");
+        auto rule = findRuleByIDPrefix(extras.rules->state().value().rules, args[0]);
+        if (!rule) return std::unexpected(CallFailure{bus::noSuchRuleError, rule.error()});
+        auto done = [answerLater](std::expected<void, std::string> result) {
+            if (result) return answerLater(std::string());
+            answerLater(std::unexpected(CallFailure{bus::failedError, result.error()}));
+        };
+        if (member == bus::enableRule || member == bus::disableRule) {
+            extras.rules->setEnabled(rule->id, member == bus::enableRule, done);
+        } else if (member == bus::deleteRule) {
+            extras.rules->remove(rule->id, done);
+        } else {
+            const std::string duration = args.size() > 1 ? args[1] : std::string();
+            std::optional<std::chrono::seconds> after;
+            if (duration != "never") {
+                after = RuleExpiryDuration::parse(duration);
+                if (!after) return invalid("Not a duration: \"" + duration + "\" (90s, 15m, 2h, 1d or never)");
+            }
+            extras.rules->expireAfter(rule->id, after, done);
+        }
+        return std::nullopt;
+    }
+
+    // The result, or nothing when `answerLater` will be called with it.
+    std::optional<CallResult> perform(const std::string& member, const std::vector<std::string>& args,
+                                      const std::function<void(CallResult)>& answerLater) {
+        if (member == bus::listRules || member == bus::enableRule || member == bus::disableRule ||
+            member == bus::deleteRule || member == bus::expireRule)
+            return performRule(member, args, answerLater);
+        if (member == bus::showStatusWindow) {
+            if (!extras.showStatusWindow)
+                return std::unexpected(CallFailure{bus::noWindowError, "The agent runs without a window (headless)."});
+            extras.showStatusWindow();
+            return std::string();
+        }
         if (member == bus::listPrompts) return listing();
         if (member == bus::cancelAll) {
             coordinator->cancelAllPrompts();
@@ -317,15 +381,20 @@ struct AgentSessionBusService::Core : std::enable_shared_from_this<Core> {
                                 args = std::move(args)] {
             auto self = weak.lock();
             if (!self) return;
-            CallResult result;
+            auto reply = [weak, number, member](CallResult result) {
+                auto core = weak.lock();
+                if (!core) return;
+                core->postToBus([raw = core.get(), number, member, result = std::move(result)](sd_bus* busConnection) {
+                    raw->answer(busConnection, number, member, result);
+                });
+            };
+            std::optional<CallResult> result;
             try {
-                result = self->perform(member, args);
+                result = self->perform(member, args, reply);
             } catch (const std::exception& error) {
                 result = std::unexpected(CallFailure{bus::failedError, error.what()});
             }
-            self->postToBus([raw = self.get(), number, member, result = std::move(result)](sd_bus* busConnection) {
-                raw->answer(busConnection, number, member, result);
-            });
+            if (result) reply(std::move(*result));
         });
         return 1;  // answered later, from the bus thread
     }
@@ -339,7 +408,7 @@ struct AgentSessionBusService::Core : std::enable_shared_from_this<Core> {
             int sent = 0;
             if (!result) {
                 sent = sd_bus_reply_method_errorf(call, result.error().name, "%s", result.error().message.c_str());
-            } else if (member == bus::listPrompts || member == bus::getPrompt) {
+            } else if (member == bus::listPrompts || member == bus::getPrompt || member == bus::listRules) {
                 sent = sd_bus_reply_method_return(call, "s", result->c_str());
             } else {
                 sent = sd_bus_reply_method_return(call, "");
@@ -367,6 +436,12 @@ const sd_bus_vtable agentVtable[] = {
     SD_BUS_METHOD_WITH_NAMES("Resolve", "ss", SD_BUS_PARAM(id) SD_BUS_PARAM(preset), "", "", Core::onCall, 0),
     SD_BUS_METHOD_WITH_NAMES("Cancel", "s", SD_BUS_PARAM(id), "", "", Core::onCall, 0),
     SD_BUS_METHOD("CancelAll", "", "", Core::onCall, 0),
+    SD_BUS_METHOD_WITH_NAMES("ListRules", "", "", "s", SD_BUS_PARAM(listing), Core::onCall, 0),
+    SD_BUS_METHOD_WITH_NAMES("EnableRule", "s", SD_BUS_PARAM(id), "", "", Core::onCall, 0),
+    SD_BUS_METHOD_WITH_NAMES("DisableRule", "s", SD_BUS_PARAM(id), "", "", Core::onCall, 0),
+    SD_BUS_METHOD_WITH_NAMES("DeleteRule", "s", SD_BUS_PARAM(id), "", "", Core::onCall, 0),
+    SD_BUS_METHOD_WITH_NAMES("ExpireRule", "ss", SD_BUS_PARAM(id) SD_BUS_PARAM(duration), "", "", Core::onCall, 0),
+    SD_BUS_METHOD("ShowStatusWindow", "", "", Core::onCall, 0),
     SD_BUS_SIGNAL_WITH_NAMES("QueueChanged", "u", SD_BUS_PARAM(count), 0),
     SD_BUS_VTABLE_END,
 };
@@ -378,8 +453,10 @@ AgentSessionBusService::AgentSessionBusService(std::shared_ptr<Core> core) : cor
 AgentSessionBusService::~AgentSessionBusService() = default;
 
 std::unique_ptr<AgentSessionBusService> AgentSessionBusService::start(
-    std::shared_ptr<AgentPromptCoordinator> coordinator, std::shared_ptr<MainThreadExecutor> mainThread) {
+    std::shared_ptr<AgentPromptCoordinator> coordinator, std::shared_ptr<MainThreadExecutor> mainThread,
+    Extras extras) {
     auto core = std::make_shared<Core>();
+    core->extras = std::move(extras);
     core->coordinator = std::move(coordinator);
     core->mainThread = std::move(mainThread);
     const auto off = [&](std::string_view why, int r) {

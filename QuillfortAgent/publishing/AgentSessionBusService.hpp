@@ -8,7 +8,10 @@
 
 #include <memory>
 
+#include <functional>
+
 #include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
+#include "QuillfortAgent/host/AgentRuleBook.hpp"
 #include "QuillfortAgent/host/MainThreadExecutor.hpp"
 
 namespace quillfort {
@@ -18,8 +21,16 @@ public:
     // On the main thread: connects to the session bus, claims the agent's name
     // and starts serving. Nothing (and one log line saying the interface is
     // off) when there is no session bus or the name is taken.
+    // What the agent offers besides its queue: the rules (none: the rule
+    // methods fail) and a way to bring its status window forward (none: the
+    // agent runs headless and ShowStatusWindow says so). Main thread.
+    struct Extras {
+        std::shared_ptr<AgentRuleBook> rules;
+        std::function<void()> showStatusWindow;
+    };
     [[nodiscard]] static std::unique_ptr<AgentSessionBusService> start(
-        std::shared_ptr<AgentPromptCoordinator> coordinator, std::shared_ptr<MainThreadExecutor> mainThread);
+        std::shared_ptr<AgentPromptCoordinator> coordinator, std::shared_ptr<MainThreadExecutor> mainThread,
+        Extras extras = {});
 
     // On the main thread: stops the bus thread and leaves the bus. Calls still
     // waiting for the main thread are dropped; their callers see the bus's

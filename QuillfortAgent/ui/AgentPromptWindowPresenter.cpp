@@ -110,8 +110,11 @@ void AgentPromptWindowPresenter::show() {
 
     // The widgets show the queue as it is now, before the window appears.
     rootView_->refresh();
-    window.resize(promptWindowSize);
-    if (!window.isVisible()) {
+    // The first time only: after that the window keeps the size and place the
+    // user gave it, through every new prompt and every hide and show.
+    if (!placed_) {
+        placed_ = true;
+        window.resize(promptWindowSize);
         const QScreen* screen = window.screen() ? window.screen() : QGuiApplication::primaryScreen();
         if (screen) {
             QRect frame = window.frameGeometry();
@@ -142,6 +145,13 @@ void AgentPromptWindowPresenter::show() {
     logger_.log("orderFrontRegardless() returned for the Quillfort prompt window. visible=%{bool,public}d frame=%{public}s",
                 window.isVisible(), frameText(window.frameGeometry()));
     logger_.log("Presented the Quillfort prompt window titled %{public}s.", window.windowTitle().toStdString());
+}
+
+void AgentPromptWindowPresenter::bringForward() {
+    if (!window_ || coordinator_->activePrompts().value().empty()) return;
+    window_->show();
+    window_->raise();
+    window_->activateWindow();
 }
 
 void AgentPromptWindowPresenter::hide() {

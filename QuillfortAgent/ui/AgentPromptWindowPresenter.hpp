@@ -40,6 +40,8 @@ public:
     AgentPromptWindowPresenter& operator=(const AgentPromptWindowPresenter&) = delete;
 
     void start();
+    // Brings the decision window forward while a prompt waits (a notification's "Show").
+    void bringForward();
 
     // Null before start().
     [[nodiscard]] QuillfortPromptWindow* window() const noexcept { return window_.get(); }
@@ -59,6 +61,7 @@ private:
     std::unique_ptr<QuillfortPromptWindow> window_;
     AgentPromptWindowView* rootView_ = nullptr;
     bool syncPending_ = false;
+    bool placed_ = false;  // sized and centred once; the user's size and place stand after that
 };
 
 }  // namespace quillfort::ui

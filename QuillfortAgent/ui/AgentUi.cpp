@@ -3,17 +3,24 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <unistd.h>
 
 #include <QAction>
 #include <QApplication>
+#include <QLibraryInfo>
 #include <QMenu>
 #include <QSocketNotifier>
 #include <QSystemTrayIcon>
+#include <QWindow>
 
+#include "QuillfortAgent/app/DisplayProbe.hpp"
 #include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/ui/AgentPromptWindowPresenter.hpp"
-#include "QuillfortAgent/ui/AgentStatusView.hpp"
+#include "QuillfortAgent/host/AgentFlowMonitor.hpp"
+#include "QuillfortAgent/host/AgentRuleBook.hpp"
+#include "QuillfortAgent/ui/AgentStatusWindow.hpp"
+#include "QuillfortAgent/ui/PromptNotifier.hpp"
 #include "QuillfortAgent/ui/QFPalette.hpp"
 #include "QuillfortAgent/ui/QFSymbols.hpp"
 #include "QuillfortAgent/ui/QtMainThreadExecutor.hpp"
@@ -36,9 +43,24 @@ bool nonEmpty(const ProcessInfo& processInfo, const char* name) {
     return value && !value->empty();
 }
 
+bool waylandPluginInstalled() {
+    const auto plugins = QLibraryInfo::path(QLibraryInfo::PluginsPath).toStdString();
+    return std::filesystem::exists(std::filesystem::path(plugins) / "platforms" / "libqwayland-generic.so");
+}
+
+// The Qt platform for this session: native Wayland where a compositor answers
+// and Qt's Wayland plugin is installed, else X11 where an X server answers
+// (XWayland included), else none. Both are tried here, before Qt, so that a
+// display that does not answer means the next choice instead of an abort.
+std::optional<std::string> choosePlatformName(const ProcessInfo& processInfo) {
+    if (DisplayProbe::waylandAnswers(processInfo) && waylandPluginInstalled()) return "wayland";
+    if (DisplayProbe::xDisplayAnswers(processInfo)) return "xcb";
+    return std::nullopt;
+}
+
 void choosePlatform(const ProcessInfo& processInfo) {
     if (nonEmpty(processInfo, "QT_QPA_PLATFORM")) return;  // the user's choice stands
-    if (nonEmpty(processInfo, "DISPLAY")) qputenv("QT_QPA_PLATFORM", "xcb");
+    if (auto platform = choosePlatformName(processInfo)) qputenv("QT_QPA_PLATFORM", QByteArray::fromStdString(*platform));
 }
 
 std::optional<bool> forcedAppearance(const ProcessInfo& processInfo) {
@@ -49,6 +71,22 @@ std::optional<bool> forcedAppearance(const ProcessInfo& processInfo) {
 }
 
 }  // namespace
+
+std::optional<std::string> displayProblem(const ProcessInfo& processInfo) {
+    if (nonEmpty(processInfo, "QT_QPA_PLATFORM")) return std::nullopt;  // the user's choice stands
+    if (choosePlatformName(processInfo)) return std::nullopt;
+    const bool wayland = nonEmpty(processInfo, "WAYLAND_DISPLAY");
+    const bool x = nonEmpty(processInfo, "DISPLAY");
+    if (!wayland && !x) return "no display found (DISPLAY and WAYLAND_DISPLAY are unset)";
+    std::string problem;
+    if (wayland)
+        problem = DisplayProbe::waylandAnswers(processInfo)
+                      ? "Qt's Wayland platform (qt6-wayland) is not installed"
+                      : "no Wayland compositor answers on " + *processInfo.environmentValue("WAYLAND_DISPLAY");
+    if (x) problem += (problem.empty() ? "" : " and ") + std::string("cannot open the X display ") +
+                      *processInfo.environmentValue("DISPLAY");
+    return problem;
+}
 
 struct AgentUi::Impl {
     Impl(int& argc, char** argv, const ProcessInfo& processInfo, QuillfortFeatureFlags flags)
@@ -93,17 +131,31 @@ struct AgentUi::Impl {
     }
 
     void showStatusWindow() {
-        if (!statusView) {
-            statusView = std::make_unique<AgentStatusView>(featureFlags, coordinator);
+        if (!statusWindow) {
+            auto flows = AgentFlowMonitor::make(fileSystem, AgentFlowMonitor::standardLocation(*fileSystem), mainThread);
+            statusWindow = std::make_unique<AgentStatusWindow>(featureFlags, coordinator, rules, std::move(flows));
             // The status window's controls take the agent's blue tint.
-            QPalette palette = statusView->palette();
+            QPalette palette = statusWindow->palette();
             palette.setColor(QPalette::Highlight, QColor::fromRgbF(0.0f, 0.39f, 0.8f));
-            statusView->setPalette(palette);
-            statusView->resize(560, 640);
+            statusWindow->setPalette(palette);
+            statusWindow->resize(900, 640);
         }
-        statusView->show();
-        statusView->raise();
-        statusView->activateWindow();
+        // A window the desktop unmapped or minimised still counts as visible to
+        // Qt, and show() alone would not map it again.
+        const QWindow* handle = statusWindow->windowHandle();
+        if (statusWindow->isVisible() && handle && !handle->isExposed()) statusWindow->hide();
+        statusWindow->showNormal();
+        statusWindow->raise();
+        statusWindow->activateWindow();
+    }
+
+    // Another application has the keyboard: the decision window would take it
+    // from whatever the user is typing there, or (on Wayland) not come forward.
+    static bool userWorksElsewhere() { return QGuiApplication::applicationState() != Qt::ApplicationActive; }
+
+    void startNotifier() {
+        notifier = std::make_unique<PromptNotifier>(coordinator, makeDesktopNotificationSink(), userWorksElsewhere,
+                                                    [this] { presenter->bringForward(); });
     }
 
     void updateTrayIcon() {
@@ -141,8 +193,11 @@ struct AgentUi::Impl {
     std::shared_ptr<QtMainThreadExecutor> mainThread;
     std::unique_ptr<QSocketNotifier> signalNotifier;
     std::shared_ptr<AgentPromptCoordinator> coordinator;
+    std::shared_ptr<AgentRuleBook> rules;
     std::unique_ptr<AgentPromptWindowPresenter> presenter;
-    std::unique_ptr<AgentStatusView> statusView;
+    std::shared_ptr<FileSystem> fileSystem = defaultFileSystem();
+    std::unique_ptr<AgentStatusWindow> statusWindow;
+    std::unique_ptr<PromptNotifier> notifier;
     std::unique_ptr<QMenu> trayMenu;
     std::unique_ptr<QSystemTrayIcon> tray;
     std::string traySymbol;
@@ -163,9 +218,15 @@ void AgentUi::buildPresenter(std::shared_ptr<AgentPromptCoordinator> coordinator
     impl_->presenter = std::make_unique<AgentPromptWindowPresenter>(std::move(coordinator));
 }
 
-void AgentUi::start() {
+void AgentUi::start(std::shared_ptr<AgentRuleBook> rules) {
+    impl_->rules = std::move(rules);
     impl_->presenter->start();
+    impl_->startNotifier();
     impl_->startTray();
+}
+
+void AgentUi::showStatusWindow() {
+    impl_->showStatusWindow();
 }
 
 int AgentUi::run() {

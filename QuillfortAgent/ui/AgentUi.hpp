@@ -14,15 +14,22 @@
 
 namespace quillfort {
 class AgentPromptCoordinator;
+class AgentRuleBook;
 }
 
 namespace quillfort::ui {
 
+// Why this session cannot show windows ("no display found (...)", "cannot open
+// the X display :3", "Qt's Wayland platform (qt6-wayland) is not installed"),
+// or nothing when it can: quillfort-agent's own look (DisplayProbe) and
+// whether Qt has the platform for the display that answers.
+[[nodiscard]] std::optional<std::string> displayProblem(const ProcessInfo& processInfo);
+
 class AgentUi final : public AgentFrontEnd {
 public:
     // Creates the application object; `argc` and `argv` must outlive the UI.
-    // Where DISPLAY is set the X11 platform is chosen (also under Wayland):
-    // only there may a window keep itself above others and come forward.
+    // Native Wayland where a compositor answers and Qt's plugin is installed,
+    // else X11; a prompt that cannot come forward there shows as a notification.
     AgentUi(int& argc, char** argv, const ProcessInfo& processInfo, QuillfortFeatureFlags featureFlags);
     ~AgentUi() override;
     AgentUi(const AgentUi&) = delete;
@@ -30,8 +37,11 @@ public:
 
     [[nodiscard]] std::shared_ptr<MainThreadExecutor> mainThread() const override;
     void buildPresenter(std::shared_ptr<AgentPromptCoordinator> coordinator) override;
-    // The presenter starts, the tray item (or, without a tray, the status window) appears.
-    void start() override;
+    // The presenter starts, the tray item (or, without a tray, the status
+    // window) appears; the status window's rules and network views work on `rules`.
+    void start(std::shared_ptr<AgentRuleBook> rules) override;
+    // Brings the status window forward (from the tray, the session bus, `quillfort show`).
+    void showStatusWindow() override;
     int run() override;
 
 private:

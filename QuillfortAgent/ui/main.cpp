@@ -1,11 +1,12 @@
 // quillfort-agent-window: the agent with its desktop face (tray item, status
-// window, decision window). `quillfort-agent` becomes this program when the
-// session has a display, so that a headless agent never maps Qt; started by
-// hand without a display, it runs headless itself.
+// window, decision window, notifications). `quillfort-agent` becomes this
+// program when a display answers, so that a headless agent never maps Qt.
+// Here Qt's own platforms are asked too (a Wayland compositor without Qt's
+// Wayland plugin and no X display means headless, with Qt mapped); started
+// by hand without a display, it runs headless itself.
 #include <cstdio>
 #include <memory>
 
-#include "QuillfortAgent/app/DisplayProbe.hpp"
 #include "QuillfortAgent/app/QuillfortAgentApp.hpp"
 #include "QuillfortAgent/ui/AgentUi.hpp"
 #include "support/QuillfortFeatureFlags.hpp"
@@ -17,7 +18,7 @@ using namespace quillfort;
 std::unique_ptr<AgentFrontEnd> makeDesktopFrontEnd(int& argc, char** argv, const ProcessInfo& processInfo,
                                                    const QuillfortAgentApp::Options& options) {
     if (options.headless) return nullptr;
-    if (const auto problem = DisplayProbe::problem(processInfo)) {
+    if (const auto problem = ui::displayProblem(processInfo)) {
         std::fprintf(stderr, "quillfort-agent: %s; running headless.\n", problem->c_str());
         return nullptr;
     }

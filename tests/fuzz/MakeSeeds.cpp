@@ -16,6 +16,7 @@
 #include "contracts/QuillfortPromptListenerRecord.hpp"
 #include "contracts/RuleSnapshotEnvelope.hpp"
 #include "platform/InMemoryUserDefaults.hpp"
+#include "tests/QuillfortFilter/FilterSamples.hpp"
 #include "tests/contracts/FlowPromptSamples.hpp"
 #include "tests/testsupport/ModelSamples.hpp"
 
@@ -81,6 +82,24 @@ std::map<std::string, std::vector<std::string>> seeds() {
     out["rule_snapshot"] = {encodePretty(RuleSnapshotEnvelope{samples::sampleDate(), {samples::sampleRule()}})};
     out["stored_preference"] = {defaults.data(StoredPromptPreference::userDefaultsKey).value_or("{}")};
     out["filter_configuration"] = {std::string(64, '\x01')};
+
+    // The filter's inputs, from the packets and messages its tests build.
+    auto text = [](const samples::Bytes8& bytes) { return std::string(bytes.begin(), bytes.end()); };
+    const auto dns = samples::DnsBuilder()
+                         .question("www.example.com")
+                         .cname("www.example.com", "edge.cdn.example.net")
+                         .address("edge.cdn.example.net", {93, 184, 216, 34})
+                         .build();
+    out["filter_packets"] = {text(samples::ipv4Packet(6, samples::tcpSyn(40000, 443), 2)),
+                             text(samples::ipv4Packet(17, samples::udpSegment(53, 5353, dns))), text(dns)};
+    // Replies as the reader after the first byte sees them; one seed per reader.
+    out["filter_netlink"] = {std::string(1, '\0') + std::string(40, '\0'), std::string(1, '\1') + std::string(40, '\0'),
+                             std::string(1, '\2') + std::string(16, '\0')};
+    out["filter_proc_text"] = {"4242 (we (ird) name) S 1 4242 4242 34819 -1 4194560 1 0 0 0 0 0 0 0 20 0 1 0 12345 1 9\n",
+                               "40 30 0:37 / /sys/fs/cgroup/unified rw,relatime - cgroup2 cgroup2 rw\n", "socket:[12345]"};
+    out["filter_configuration_file"] = {
+        R"({"mode": "enforce", "unknownTrafficMode": "blocking", "shadowPromptDropEnabled": false, "promptAutomationPort": 443})",
+        R"({"promptAutomationHost": "example.org", "promptAutomationPort": 8.0})"};
     return out;
 }
 

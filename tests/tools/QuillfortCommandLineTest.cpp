@@ -8,6 +8,7 @@
 #include "contracts/PromptAgentAutomationCommandStore.hpp"
 #include "contracts/QuillfortPromptEndpointStore.hpp"
 #include "contracts/QuillfortSharedContainer.hpp"
+#include "contracts/RuleSnapshotStore.hpp"
 #include "tests/testsupport/FakeFileSystem.hpp"
 #include "tests/testsupport/ModelSamples.hpp"
 #include "tests/testsupport/SequentialUuidSource.hpp"
@@ -108,6 +109,36 @@ TEST_F(CommandLineTest, StatusAndRulesShowTheirFilesOrSayWhyNot) {
         EXPECT_EQ(table.status, CL::exitFailure);
         EXPECT_NE(table.err.find(file.filename().string()), std::string::npos) << table;
     }
+}
+
+// With --home (or no agent on the bus) the tool changes the file itself,
+// under the agent's lock; an end needs the agent, which keeps the timers.
+TEST_F(CommandLineTest, RuleChangesWithoutAnAgentWorkOnTheFile) {
+    Rule second = testing::sampleRule();
+    second.id = testing::sampleUuid(0x2000);
+    second.name = "Second";
+    const auto snapshot = container() / "RuleSnapshot.json";
+    ASSERT_TRUE(RuleSnapshotStore(*fileSystem_, snapshot).save({testing::sampleDate(), {testing::sampleRule(), second}}));
+    const std::string first = testing::sampleUuid(1).uppercaseString();
+
+    EXPECT_EQ(runAtHome({"rules", "disable", first}),
+              (Invocation{CL::exitSuccess, "Disabled rule 00000000 \"Allow curl to api.example.com\".\n", ""}));
+    EXPECT_FALSE(RuleSnapshotStore(*fileSystem_, snapshot).load(testing::sampleDate())->rules[0].enabled);
+    const std::tuple<std::vector<std::string>, int, std::string> refused[] = {
+        {{"rules", "delete", "0000"}, CL::exitFailure, "names more than one rule"},
+        {{"rules", "enable", "abcd"}, CL::exitFailure, "No rule has an id starting with \"abcd\""},
+        {{"rules", "expire", first, "1h"}, CL::exitFailure, "start quillfort-agent first"},
+        {{"rules", "expire", first, "soon"}, CL::exitUsage, "\"soon\" is not a duration"},
+    };
+    for (const auto& [arguments, status, fragment] : refused) {
+        auto invocation = runAtHome(arguments);
+        EXPECT_EQ(invocation.status, status) << invocation;
+        EXPECT_NE(invocation.err.find(fragment), std::string::npos) << invocation;
+    }
+    EXPECT_EQ(runAtHome({"rules", "delete", second.id.uppercaseString().substr(0, 33)}).status, CL::exitSuccess);
+    auto table = runAtHome({"rules"});
+    EXPECT_NE(table.out.find("1 rule,"), std::string::npos) << table;
+    EXPECT_NE(table.out.find("Allow curl to api.example.com [disabled]"), std::string::npos) << table;
 }
 
 // Nobody plays the agent here: taking the command and the success line are

@@ -17,11 +17,13 @@ TEST(AgentPromptWindowPresenter, ShowsTheWindowForAQueueAndHidesItWhenDrained) {
 
     ui.receive("api.example.com", 1);
     ASSERT_TRUE(window->isVisible());
-    // Once shown, the window stays where the user put it.
+    EXPECT_EQ(window->size(), AgentPromptWindowPresenter::promptWindowSize);
+    // Once shown, the window keeps the place and size the user gave it.
     window->move(window->pos() + QPoint(37, 23));
-    const QPoint moved = window->pos();
+    window->resize(820, 900);
+    const QRect placed = window->geometry();
     ui.receive("cdn.example.com", 2);
-    EXPECT_EQ(window->pos(), moved);
+    EXPECT_EQ(window->geometry(), placed);
     EXPECT_TRUE(ui.coordinator->promptWindowVisible().value());
 
     // Answering the head rebinds the same window to the next prompt (the
@@ -35,6 +37,9 @@ TEST(AgentPromptWindowPresenter, ShowsTheWindowForAQueueAndHidesItWhenDrained) {
     ASSERT_EQ(ui.replies.size(), 2u);
     EXPECT_EQ(ui.replies[1].second.action, RuleAction::drop);
     EXPECT_EQ(ui.replies[1].second.scope, RuleScope::temporary);
+    // ...and again when the next prompt brings it back.
+    ui.receive("api.example.com", 3);
+    EXPECT_EQ(window->geometry(), placed);
 }
 
 // A lasting answer's choices (a one-time answer has none: the picture shows

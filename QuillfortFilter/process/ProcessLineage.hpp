@@ -1,11 +1,12 @@
-// Reads a live process and its ancestors from /proc, so a prompt can be
-// attributed to a real process the way the filter would attribute a flow.
+// Reads a live process and its ancestors from /proc: the filter attributes
+// flows with it, and the command-line tool describes a process for a prompt.
 #pragma once
 
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "model/Bytes.hpp"
@@ -19,6 +20,8 @@ namespace quillfort::ProcessLineage {
 struct ProcfsView {
     std::filesystem::path root{"/proc"};
     long clockTicksPerSecond = 100;
+    // Seconds since the epoch at boot, read once; read from root/stat when absent.
+    std::optional<std::uint64_t> bootTimeSeconds;
 
     // The running system's /proc with its real tick rate.
     [[nodiscard]] static ProcfsView system();
@@ -34,6 +37,26 @@ struct InspectedProcess {
 
     bool operator==(const InspectedProcess&) const = default;
 };
+
+// The fields of /proc/PID/stat that attribution needs.
+struct StatFields {
+    std::string comm;
+    char state = 'R';
+    std::int32_t parentPid = 0;
+    std::uint32_t ttyNr = 0;
+    std::uint64_t flags = 0;  // the kernel's PF_* flags
+    std::uint64_t startTicks = 0;
+
+    // Exiting or already a zombie: its executable, arguments and working
+    // directory are gone, so /proc can no longer describe it.
+    [[nodiscard]] bool exiting() const noexcept { return state == 'Z' || state == 'X' || (flags & 0x4) != 0; }
+
+    bool operator==(const StatFields&) const = default;
+};
+
+// "pid (comm) state ppid ... starttime ...": nothing unless every field needed
+// is there and in range. Any text is safe to pass.
+[[nodiscard]] std::optional<StatFields> parseStat(std::string_view stat);
 
 // A process and its ancestors, nearest first, up to the first process (pid 1)
 // or the first ancestor that can no longer be read.

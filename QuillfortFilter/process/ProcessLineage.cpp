@@ -1,4 +1,4 @@
-#include "tools/ProcessLineage.hpp"
+#include "QuillfortFilter/process/ProcessLineage.hpp"
 
 #include <unistd.h>
 
@@ -12,6 +12,7 @@
 
 #include <fmt/format.h>
 
+#include "QuillfortFilter/process/ProcessTags.hpp"
 #include "model/Text.hpp"
 
 namespace quillfort::ProcessLineage {
@@ -49,37 +50,7 @@ std::optional<std::uint64_t> parseUnsigned(std::string_view text) {
     return value;
 }
 
-struct StatFields {
-    std::string comm;
-    std::int32_t parentPid = 0;
-    std::uint32_t ttyNr = 0;
-    std::uint64_t startTicks = 0;
-};
-
-// "pid (comm) state ppid pgrp session tty_nr ... starttime ...": the command
-// name may itself hold blanks and parentheses, so the fields start after the
-// last ")".
-std::optional<StatFields> parseStat(std::string_view stat) {
-    const auto open = stat.find('(');
-    const auto close = stat.rfind(')');
-    if (open == std::string_view::npos || close == std::string_view::npos || close < open) return std::nullopt;
-    StatFields fields;
-    fields.comm = text::validUtf8(stat.substr(open + 1, close - open - 1));
-    const auto rest = text::splitNonEmpty(stat.substr(close + 1), ' ');
-    // rest[0] is the state; ppid, tty_nr and starttime follow at fixed places.
-    constexpr std::size_t ppidIndex = 1, ttyIndex = 4, startTimeIndex = 19;
-    if (rest.size() <= startTimeIndex) return std::nullopt;
-    auto ppid = parseUnsigned(rest[ppidIndex]);
-    auto tty = text::parseInt64(rest[ttyIndex]);
-    auto start = parseUnsigned(text::trimmed(rest[startTimeIndex]));
-    if (!ppid || *ppid > INT32_MAX || !tty || !start) return std::nullopt;
-    fields.parentPid = static_cast<std::int32_t>(*ppid);
-    fields.ttyNr = static_cast<std::uint32_t>(*tty);
-    fields.startTicks = *start;
-    return fields;
-}
-
-std::optional<std::uint64_t> bootTime(const ProcfsView& procfs) {
+std::optional<std::uint64_t> readBootTime(const ProcfsView& procfs) {
     auto stat = readWholeFile(procfs.root / "stat");
     if (!stat) return std::nullopt;
     std::istringstream lines(*stat);
@@ -137,16 +108,44 @@ ProcessNode nodeFrom(const InspectedProcess& process) {
     ProcessNode node;
     node.identity = process.identity;
     node.parentAuditToken = process.identity.parentAuditToken;
+    node.tags = ProcessTags::classify(process.identity);
     node.state = ProcessState::running;
     return node;
 }
 
 }  // namespace
 
+// "pid (comm) state ppid pgrp session tty_nr ... starttime ...": the command
+// name may itself hold blanks and parentheses, so the fields start after the
+// last ")".
+std::optional<StatFields> parseStat(std::string_view stat) {
+    const auto open = stat.find('(');
+    const auto close = stat.rfind(')');
+    if (open == std::string_view::npos || close == std::string_view::npos || close < open) return std::nullopt;
+    StatFields fields;
+    fields.comm = text::validUtf8(stat.substr(open + 1, close - open - 1));
+    const auto rest = text::splitNonEmpty(stat.substr(close + 1), ' ');
+    // rest[0] is the state; ppid, tty_nr, flags and starttime follow at fixed places.
+    constexpr std::size_t ppidIndex = 1, ttyIndex = 4, flagsIndex = 6, startTimeIndex = 19;
+    if (rest.size() <= startTimeIndex || rest[0].size() != 1) return std::nullopt;
+    auto ppid = parseUnsigned(rest[ppidIndex]);
+    auto tty = text::parseInt64(rest[ttyIndex]);
+    auto flags = parseUnsigned(rest[flagsIndex]);
+    auto start = parseUnsigned(text::trimmed(rest[startTimeIndex]));
+    if (!ppid || *ppid > INT32_MAX || !tty || !flags || !start) return std::nullopt;
+    fields.state = rest[0].front();
+    fields.parentPid = static_cast<std::int32_t>(*ppid);
+    fields.ttyNr = static_cast<std::uint32_t>(*tty);
+    fields.flags = *flags;
+    fields.startTicks = *start;
+    return fields;
+}
+
 ProcfsView ProcfsView::system() {
     ProcfsView view;
     const long ticks = ::sysconf(_SC_CLK_TCK);
     if (ticks > 0) view.clockTicksPerSecond = ticks;
+    view.bootTimeSeconds = readBootTime(view);
     return view;
 }
 
@@ -182,6 +181,9 @@ Result<InspectedProcess> inspectProcess(std::int32_t pid, const ProcfsView& proc
     if (!fields)
         return std::unexpected(Error::withMessage(fmt::format("Cannot read process {}: malformed {}", pid,
                                                               statFile.string())));
+    if (fields->exiting())
+        return std::unexpected(Error{std::make_error_code(std::errc::no_such_process),
+                                     fmt::format("Process {} is exiting", pid)});
 
     InspectedProcess process;
     process.parentPid = fields->parentPid;
@@ -200,7 +202,9 @@ Result<InspectedProcess> inspectProcess(std::int32_t pid, const ProcfsView& proc
     identity.userID = realUserID(directory / "status");
     identity.tty = terminalPath(fields->ttyNr);
     identity.cwd = readLink(directory / "cwd");
-    if (auto boot = bootTime(procfs); boot && procfs.clockTicksPerSecond > 0) {
+    identity.scriptPath = ProcessTags::scriptPath(identity);
+    if (auto boot = procfs.bootTimeSeconds ? procfs.bootTimeSeconds : readBootTime(procfs);
+        boot && procfs.clockTicksPerSecond > 0) {
         const auto secondsAfterBoot = fields->startTicks / static_cast<std::uint64_t>(procfs.clockTicksPerSecond);
         identity.launchTime = Date(std::chrono::seconds(static_cast<std::int64_t>(*boot + secondsAfterBoot)));
     }
@@ -230,6 +234,7 @@ Result<ProcessLineage> inspectLineage(std::int32_t pid, const ProcfsView& procfs
         lineage.ancestors.push_back(std::move(node));
         parentPid = parent->parentPid;
     }
+    ProcessTags::inherit(lineage.process, lineage.ancestors);
     return lineage;
 }
 

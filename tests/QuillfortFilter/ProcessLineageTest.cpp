@@ -1,4 +1,4 @@
-#include "tools/ProcessLineage.hpp"
+#include "QuillfortFilter/process/ProcessLineage.hpp"
 
 #include <fstream>
 
@@ -26,7 +26,7 @@ protected:
               fmt::format("{} ({}) S {} {} {} {} -1 4194560 1 0 0 0 0 0 0 0 20 0 1 0 {} 1000 9\n", pid, comm, ppid,
                           pid, pid, ttyNr, startTicks));
     }
-    [[nodiscard]] PI::ProcfsView view() const { return PI::ProcfsView{procfs_.path(), 100}; }
+    [[nodiscard]] PI::ProcfsView view() const { return PI::ProcfsView{procfs_.path(), 100, std::nullopt}; }
 
     TemporaryDirectory procfs_;
 };
@@ -76,9 +76,14 @@ TEST_F(SyntheticProcfs, LoopingParentsEndTheWalk) {
     EXPECT_EQ(lineage->ancestors[0].identity.pid, 11);
 }
 
-TEST_F(SyntheticProcfs, MalformedStatIsAnError) {
+TEST_F(SyntheticProcfs, MalformedStatAndExitingProcessesAreErrors) {
     write("12/stat", "12 (cut short");
     EXPECT_FALSE(PI::inspectProcess(12, view()).has_value());
+    // A zombie, and a process on its way out (PF_EXITING): nothing left to describe.
+    write("13/stat", "13 (gone) Z 1 13 13 0 -1 4194560 1 0 0 0 0 0 0 0 20 0 1 0 5 0 0\n");
+    write("14/stat", "14 (going) R 1 14 14 0 -1 4194564 1 0 0 0 0 0 0 0 20 0 1 0 5 0 0\n");
+    EXPECT_EQ(PI::inspectProcess(13, view()).error().code, std::errc::no_such_process);
+    EXPECT_EQ(PI::inspectProcess(14, view()).error().code, std::errc::no_such_process);
 }
 
 }  // namespace
