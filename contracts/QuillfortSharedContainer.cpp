@@ -32,6 +32,18 @@ std::optional<std::filesystem::path> containerURL(const FileSystem& fileSystem,
     return QuillfortPromptEndpointStore::fallbackPromptBridgeDirectoryURL(*home, fileSystem);
 }
 
+VoidResult keepParentsPrivate(FileSystem& fileSystem, const std::optional<std::filesystem::path>& homeDirectory) {
+    if (fileSystem.appGroupContainer(appGroupIdentifier)) return {};
+    const auto container = containerURL(fileSystem, homeDirectory);
+    if (!container) return {};
+    const auto groupContainers = container->parent_path();
+    for (const auto& folder : {groupContainers.parent_path(), groupContainers}) {
+        if (auto made = fileSystem.createDirectories(folder); !made) return made;
+        if (auto closed = fileSystem.setPosixPermissions(folder, 0700); !closed) return closed;
+    }
+    return {};
+}
+
 std::optional<std::filesystem::path> ruleSnapshotURL(const FileSystem& fileSystem,
                                                      const std::optional<std::filesystem::path>& homeDirectory) {
     return fileInContainer(fileSystem, homeDirectory, ruleSnapshotFilename);

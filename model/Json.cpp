@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <memory>
 
 #include <boost/json/basic_parser_impl.hpp>
 #include <boost/json/monotonic_resource.hpp>
@@ -323,20 +324,62 @@ private:
 
 }  // namespace
 
-JsonResult<json::value> parseJson(std::string_view text) {
-    // The tree lives in one arena that it owns (shared, so copies of any part
-    // keep it alive): decoding reads the tree once and drops it, and the arena
-    // makes building and freeing it a fraction of the cost of one allocation
-    // per node.
-    json::storage_ptr arena = json::make_shared_resource<json::monotonic_resource>(text.size() + 1024);
-    unsigned char scratch[4096];
+namespace {
+
+JsonResult<json::value> parseInto(std::string_view text, json::storage_ptr storage) {
+    // The parser's working stack; deeper or wider documents spill to the heap.
+    unsigned char scratch[16 * 1024];
     json::basic_parser<ValueBuilder> parser(json::parse_options{}, scratch, sizeof scratch);
-    parser.handler().stack().reset(std::move(arena));
+    parser.handler().stack().reset(std::move(storage));
     boost::system::error_code ec;
     std::size_t used = parser.write_some(false, text.data(), text.size(), ec);
     if (!ec && used < text.size()) ec = json::error::extra_data;
     if (ec) return jsonFailure("invalid JSON: " + ec.message());
     return parser.handler().stack().release();
 }
+
+// The memory a thread keeps for trees that are decoded at once: a prompt
+// request's tree (a few kilobytes of text) fits many times over.
+struct ScratchArena {
+    static constexpr std::size_t size = 64 * 1024;
+    std::unique_ptr<unsigned char[]> buffer;
+    bool inUse = false;
+};
+
+}  // namespace
+
+JsonResult<json::value> parseJson(std::string_view text) {
+    // The tree lives in one arena that it owns (shared, so copies of any part
+    // keep it alive): building and freeing it costs a fraction of one
+    // allocation per node.
+    return parseInto(text, json::make_shared_resource<json::monotonic_resource>(text.size() + 1024));
+}
+
+namespace detail {
+
+JsonResult<void> withParsedJson(std::string_view text, const std::function<void(const json::value&)>& use) {
+    thread_local ScratchArena scratch;
+    if (scratch.inUse) {
+        auto parsed = parseJson(text);
+        if (!parsed) return std::unexpected(std::move(parsed.error()));
+        use(*parsed);
+        return {};
+    }
+    if (!scratch.buffer) scratch.buffer = std::make_unique_for_overwrite<unsigned char[]>(ScratchArena::size);
+    scratch.inUse = true;
+    struct Release {
+        ScratchArena& arena;
+        ~Release() { arena.inUse = false; }
+    } release{scratch};
+    // Declared before the tree, so the tree goes first; whatever the arena
+    // took from the heap beyond the buffer goes with it.
+    json::monotonic_resource arena(scratch.buffer.get(), ScratchArena::size);
+    auto parsed = parseInto(text, json::storage_ptr(&arena));
+    if (!parsed) return std::unexpected(std::move(parsed.error()));
+    use(*parsed);
+    return {};
+}
+
+}  // namespace detail
 
 }  // namespace quillfort

@@ -364,6 +364,16 @@ struct JsonCodec<T> {
 // Strict parse of one JSON text; the reason names the parser's complaint.
 [[nodiscard]] JsonResult<json::value> parseJson(std::string_view text);
 
+namespace detail {
+// Parses `text` as parseJson does and hands the tree to `use`, building it in
+// memory the calling thread keeps for the purpose (the heap only past it):
+// a tree decoded at once and dropped then costs no allocation of its own.
+// Nothing of the tree may outlive `use`. A parse inside `use` on the same
+// thread gets a tree of its own on the heap.
+[[nodiscard]] JsonResult<void> withParsedJson(std::string_view text,
+                                              const std::function<void(const json::value&)>& use);
+}  // namespace detail
+
 template <JsonCodable T>
 [[nodiscard]] json::value toJson(const T& value) {
     return JsonCodec<T>::encode(value);
@@ -386,9 +396,10 @@ template <JsonCodable T>
 
 template <JsonCodable T>
 [[nodiscard]] JsonResult<T> decodeJson(std::string_view text) {
-    auto parsed = parseJson(text);
+    std::optional<JsonResult<T>> decoded;
+    auto parsed = detail::withParsedJson(text, [&](const json::value& jv) { decoded.emplace(JsonCodec<T>::decode(jv)); });
     if (!parsed) return std::unexpected(std::move(parsed.error()));
-    return JsonCodec<T>::decode(*parsed);
+    return std::move(*decoded);
 }
 
 // ---------------------------------------------------------------------------

@@ -62,7 +62,7 @@ cp "$deb" "$work/package.deb"
 "${sudo[@]}" env DEBIAN_FRONTEND=noninteractive apt-get -o DPkg::Lock::Timeout=120 install -y -qq --no-install-recommends \
   "$work/package.deb" >"$work/apt.log" 2>&1 || { cat "$work/apt.log" >&2; fail "apt-get install"; }
 dpkg -L "$package" >"$work/files"
-for file in /usr/bin/quillfort-agent /usr/bin/quillfort \
+for file in /usr/bin/quillfort-agent /usr/bin/quillfort /usr/libexec/quillfort/quillfort-agent-window \
   /usr/share/icons/hicolor/scalable/apps/quillfort-agent.svg \
   /usr/share/icons/hicolor/symbolic/apps/quillfort-agent-symbolic.svg \
   /usr/share/applications/quillfort-agent.desktop /etc/xdg/autostart/quillfort-agent.desktop \

@@ -6,5 +6,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 cmake --preset default >/dev/null
-cmake --build --preset default --target quillfort-agent quillfort
+targets=(quillfort-agent quillfort)
+# The windows are a program of their own, built where the UI is.
+grep -q '^QUILLFORT_WITH_UI:BOOL=ON' build/default/CMakeCache.txt && targets+=(quillfort-agent-window)
+cmake --build --preset default --target "${targets[@]}"
 exec build/default/QuillfortAgent/quillfort-agent "$@"

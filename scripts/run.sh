@@ -9,7 +9,10 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 cmake --preset default >/dev/null
-cmake --build --preset default --target quillfort-agent quillfort-filter quillfort
+targets=(quillfort-agent quillfort-filter quillfort)
+# The agent's windows are a program of their own, built where the UI is.
+grep -q '^QUILLFORT_WITH_UI:BOOL=ON' build/default/CMakeCache.txt && targets+=(quillfort-agent-window)
+cmake --build --preset default --target "${targets[@]}"
 build=build/default
 if [ "$(id -u)" -eq 0 ]; then sudo=(); else sudo=(sudo); fi
 

@@ -10,7 +10,8 @@ tool=$build/tools/quillfort
 for program in Xvfb xdotool import; do
   command -v "$program" >/dev/null || { echo "screenshots.sh: $program is missing (scripts/setup.sh installs it)" >&2; exit 1; }
 done
-[ -x "$agent" ] && [ -x "$tool" ] || { echo "screenshots.sh: build the agent and the tool first" >&2; exit 1; }
+[ -x "$agent" ] && [ -x "$agent-window" ] && [ -x "$tool" ] ||
+  { echo "screenshots.sh: build the agent, its windows and the tool first" >&2; exit 1; }
 
 work=$(mktemp -d)
 pids=()

@@ -87,6 +87,11 @@ public:
         return state;
     }
 
+    bool graphicalSessionReached() override {
+        auto result = systemctl({"is-active", "graphical-session.target"});
+        return result && text::trimmed(result->output) == "active";
+    }
+
     std::expected<void, std::string> setUnitEnabled(std::string_view unit, bool enabled) override {
         auto result = systemctl({enabled ? "enable" : "disable", std::string(unit)});
         if (!result) return std::unexpected(result.error());
@@ -107,7 +112,7 @@ private:
     // Runs `systemctl --user ARGS...` and collects its standard output; its
     // standard error reaches the user as it is.
     static std::expected<Outcome, std::string> systemctl(std::vector<std::string> arguments) {
-        const bool query = arguments.front() == "is-enabled";
+        const bool query = arguments.front() == "is-enabled" || arguments.front() == "is-active";
         arguments.insert(arguments.begin(), {"systemctl", "--user"});
         std::vector<char*> argv;
         for (auto& argument : arguments) argv.push_back(argument.data());
@@ -264,7 +269,11 @@ std::expected<State, std::string> setEnabled(const Context& context, bool enable
     auto current = status(context);
     if (!current) return current;
 
-    if (current->unitState) {
+    // Enabled, the unit starts with graphical-session.target; on a desktop
+    // that never reaches it the unit would never run, and the autostart entry
+    // is the login item there.
+    const bool unitStartsAgent = current->unitState && (!enabled || context.userServices->graphicalSessionReached());
+    if (unitStartsAgent) {
         if (current->unitEnabled() != enabled) {
             if (auto changed = context.userServices->setUnitEnabled(unitName, enabled); !changed)
                 return std::unexpected(changed.error());

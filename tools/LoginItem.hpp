@@ -32,6 +32,10 @@ public:
     [[nodiscard]] virtual std::optional<std::string> unitFileState(std::string_view unit) = 0;
     // The error text says what the manager refused.
     [[nodiscard]] virtual std::expected<void, std::string> setUnitEnabled(std::string_view unit, bool enabled) = 0;
+    // Whether the manager's graphical-session.target is active: only desktops
+    // that tell systemd about their session reach it, and the unit starts
+    // with it.
+    [[nodiscard]] virtual bool graphicalSessionReached() = 0;
 };
 
 // Asks `systemctl --user`, once the user manager's socket under
@@ -77,7 +81,9 @@ struct Context {
 
 // Enabling prefers the unit (restarted on failure, logs in the journal) and
 // hides the autostart entry so only one launcher starts the agent; without
-// the unit it restores the autostart entry. Disabling turns both off.
+// the unit, or where the user manager never reaches graphical-session.target
+// (the unit would then never start), it restores the autostart entry.
+// Disabling turns both off.
 [[nodiscard]] std::expected<State, std::string> setEnabled(const Context& context, bool enabled);
 
 // One or two lines for people: whether the agent starts at login, and which

@@ -22,8 +22,12 @@
 
 #include "contracts/PromptAgentStatusStore.hpp"
 #include "contracts/QuillfortAgentBusInterface.hpp"
+#include "contracts/QuillfortPromptEndpointStore.hpp"
+#include "contracts/QuillfortSharedContainer.hpp"
 #include "model/Json.hpp"
 #include "tools/AgentBusClient.hpp"
+#include "tools/RunningAgent.hpp"
+#include "tools/StatusFormatting.hpp"
 
 // Last: ncurses would otherwise define move(), clear() and the like as macros.
 #define NCURSES_NOMACROS
@@ -54,6 +58,7 @@ struct Entry {
 struct Model {
     std::string title;   // "3 prompts awaiting a decision"
     std::string banner;  // where the data comes from, or why there is none
+    std::string warning;  // why the data may be out of date
     std::vector<Entry> entries;
 };
 
@@ -202,6 +207,7 @@ void draw(const Model& model, std::size_t selected, const std::string& message) 
     erase();
     line(0, "Quillfort watch  ·  " + model.title, A_BOLD);
     line(1, model.banner, A_DIM);
+    line(2, model.warning, A_BOLD);
     const int listTop = 3;
     const int listHeight = std::clamp(static_cast<int>(model.entries.size()), 1, std::max(1, (LINES - 6) / 3));
     const std::size_t first =
@@ -358,6 +364,12 @@ public:
         model.banner =
             "No session bus: status-file fields only, answered by "
             "automation command.";
+        std::optional<RunningAgent::Agent> agent;
+        if (const auto container = QuillfortSharedContainer::containerURL(*environment_.fileSystem, home)) {
+            agent = RunningAgent::holdingLock(*container / QuillfortPromptEndpointStore::bridgeSessionsDirectoryName /
+                                              QuillfortSharedContainer::agentLockFilename);
+        }
+        model.warning = StatusFormatting::staleStatusNote((*status)->updatedAt, agent).value_or("");
         for (const auto& queued : (*status)->queuedPrompts) {
             Entry entry;
             entry.id = queued.promptID.uppercaseString();

@@ -63,4 +63,15 @@ std::string formatStatus(const PromptAgentStatusSnapshot& status, Date now) {
     return out;
 }
 
+std::optional<std::string> staleStatusNote(Date updatedAt, const std::optional<RunningAgent::Agent>& agent) {
+    // Short enough for one line of an 80-column terminal.
+    if (!agent) return fmt::format("No agent runs: this status file is what one left at {}.", iso8601String(updatedAt));
+    // Start times from /proc are good to a second or so; an agent writes its
+    // status file within milliseconds of starting.
+    constexpr std::chrono::seconds tolerance{2};
+    if (!agent->startedAt || updatedAt + tolerance >= *agent->startedAt) return std::nullopt;
+    return fmt::format("Out of date: this status file ({}) predates agent pid {}.", iso8601String(updatedAt),
+                       agent->pid);
+}
+
 }  // namespace quillfort::StatusFormatting

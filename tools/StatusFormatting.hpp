@@ -9,6 +9,7 @@
 
 #include "contracts/PromptAgentStatusSnapshot.hpp"
 #include "model/Date.hpp"
+#include "tools/RunningAgent.hpp"
 
 namespace quillfort::StatusFormatting {
 
@@ -22,5 +23,13 @@ namespace quillfort::StatusFormatting {
 // A summary block, then the queue as a table (prompt id, destination, process,
 // preview) with the prompt on screen marked "*".
 [[nodiscard]] std::string formatStatus(const PromptAgentStatusSnapshot& status, Date now);
+
+// One line for a reader of the status file when it may not show the queue of
+// a running agent: no agent holds the lock (the file is what an agent that
+// ended left behind), or the file was last written before the agent that
+// holds it started (that agent cannot write it). Nothing for a file of the
+// running agent.
+[[nodiscard]] std::optional<std::string> staleStatusNote(Date updatedAt,
+                                                         const std::optional<RunningAgent::Agent>& agent);
 
 }  // namespace quillfort::StatusFormatting

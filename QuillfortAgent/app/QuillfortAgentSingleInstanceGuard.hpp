@@ -6,13 +6,14 @@
 #include <optional>
 #include <string_view>
 
+#include "contracts/QuillfortSharedContainer.hpp"
 #include "platform/FileSystem.hpp"
 
 namespace quillfort {
 
 class QuillfortAgentSingleInstanceGuard {
 public:
-    static constexpr std::string_view lockFileName = "QuillfortAgent.lock";
+    static constexpr std::string_view lockFileName = QuillfortSharedContainer::agentLockFilename;
 
     // Takes the lock at once. Fails open: when the lock's directory or file
     // cannot be made, this process runs as the agent without exclusion. When

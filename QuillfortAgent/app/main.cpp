@@ -1,213 +1,62 @@
-// quillfort-agent: the prompt agent of the user's session. Builds the agent in
-// one fixed order, gives way to an agent that already runs, then serves the
-// file bridge and the loopback listener until SIGINT or SIGTERM.
-#include <csignal>
+// quillfort-agent: the prompt agent of the user's session. Headless, it is the
+// whole agent and never loads a window toolkit. Where the session has a
+// display and --headless is not given, it becomes the windowed agent
+// (quillfort-agent-window, beside it or in ../libexec/quillfort) before it
+// has started anything, so the same command serves desktops and servers.
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
-#include <cstdint>
-#include <exception>
+#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <optional>
-#include <string>
+#include <system_error>
 #include <vector>
 
-#include <CLI/CLI.hpp>
-#include <boost/asio/executor_work_guard.hpp>
-#include <boost/asio/io_context.hpp>
-#include <boost/asio/signal_set.hpp>
-
-#include "QuillfortAgent/app/QuillfortAgentBootstrap.hpp"
-#include "QuillfortAgent/app/QuillfortAgentSingleInstanceGuard.hpp"
-#include "QuillfortAgent/automation/AgentPreviewPrompts.hpp"
-#include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
-#include "QuillfortAgent/coordinator/CachedRuleSnapshotReader.hpp"
-#include "QuillfortAgent/host/AgentRuleBook.hpp"
-#include "QuillfortAgent/host/AsioMainThreadExecutor.hpp"
-#include "QuillfortAgent/host/QuillfortAgentPromptServiceHost.hpp"
-#include "QuillfortAgent/publishing/AgentSessionBusService.hpp"
-#include "contracts/QuillfortPromptEndpointStore.hpp"
-#include "platform/Clock.hpp"
-#include "platform/FileSystem.hpp"
-#include "platform/FileUserDefaults.hpp"
-#include "platform/InMemoryUserDefaults.hpp"
-#include "platform/ProcessInfo.hpp"
-#include "support/LogSink.hpp"
-#include "support/QuillfortFeatureFlags.hpp"
-
-#if QUILLFORT_WITH_UI
-#include "QuillfortAgent/ui/AgentUi.hpp"
-#endif
+#include "QuillfortAgent/app/DisplayProbe.hpp"
+#include "QuillfortAgent/app/QuillfortAgentApp.hpp"
 
 namespace {
 
 using namespace quillfort;
 
-struct Options {
-    bool headless = false;
-    std::uint16_t loopbackPort = QuillfortPromptEndpointStore::defaultLoopbackPort;
-};
+constexpr const char* windowedAgentName = "quillfort-agent-window";
 
-void describeOptions(CLI::App& app, Options& options) {
-    app.add_flag("--headless", options.headless,
-                 "Run without a window even when a display is available (prompts are answered through "
-                 "automation directives and command files)");
-    app.add_option("--loopback-port", options.loopbackPort,
-                   "TCP port of the loopback listener on 127.0.0.1 (0: any free port)")
-        ->check(CLI::Range(0, 65535));
-    // The coordinator reads the preview flags from the whole command line itself
-    // (a flag given last has no value and is no error), so they are taken out
-    // before parsing and only described here.
-    app.footer(
-        "Preview prompts (read by the agent itself; --name value or --name=value):\n"
-        "  --automation-preview-prompt          Queue synthetic preview prompts at start\n"
-        "  --automation-preview-queue-count N   How many preview prompts to queue\n"
-        "  --automation-preview-host H          Remote host of the preview prompts\n"
-        "  --automation-preview-port P          Remote port of the preview prompts\n"
-        "  --automation-preview-protocol tcp|udp  Transport protocol of the preview prompts");
-}
-
-// Parses what is left once the preview flags are out. A launch that ends on a
-// bad argument still writes its launch line first, as every launch does.
-// Nothing when the agent is to run, else the exit status.
-std::optional<int> parseOptions(CLI::App& app, const ProcessInfo& processInfo) {
-    auto arguments = AgentPreviewPrompts::withoutAutomationArguments(processInfo.arguments);
-    std::vector<char*> argv;
-    for (auto& argument : arguments) argv.push_back(argument.data());
-    try {
-        app.parse(static_cast<int>(argv.size()), argv.data());
-    } catch (const CLI::ParseError& error) {
-        if (error.get_exit_code() != 0) QuillfortAgentBootstrap::make(processInfo).logLaunch();
-        return app.exit(error);
+// Beside this executable in a build tree; under libexec in an installation,
+// whatever the prefix.
+std::optional<std::filesystem::path> windowedAgent() {
+    std::error_code error;
+    const auto self = std::filesystem::read_symlink("/proc/self/exe", error);
+    if (error) return std::nullopt;
+    const auto directory = self.parent_path();
+    for (const auto& candidate : {directory / windowedAgentName,
+                                  directory.parent_path() / "libexec" / "quillfort" / windowedAgentName}) {
+        if (::access(candidate.c_str(), X_OK) == 0) return candidate;
     }
     return std::nullopt;
 }
 
-std::shared_ptr<UserDefaults> agentUserDefaults(const ProcessInfo& processInfo,
-                                                const std::shared_ptr<FileSystem>& fileSystem) {
-    if (auto location = FileUserDefaults::standardLocation(processInfo, *fileSystem)) {
-        return std::make_shared<FileUserDefaults>(fileSystem, *location);
-    }
-    return std::make_shared<InMemoryUserDefaults>();
-}
-
-// The desktop UI, when this build has one and the session can show it; the
-// agent is headless otherwise and never loads a Qt platform plugin.
-#if QUILLFORT_WITH_UI
-using AgentFrontEnd = ui::AgentUi;
-std::unique_ptr<AgentFrontEnd> makeFrontEnd(int& argc, char** argv, const ProcessInfo& processInfo,
-                                            const Options& options) {
+std::unique_ptr<AgentFrontEnd> becomeWindowedIfPossible(int&, char** argv, const ProcessInfo& processInfo,
+                                                        const QuillfortAgentApp::Options& options) {
     if (options.headless) return nullptr;
-    if (const auto problem = ui::displayProblem(processInfo)) {
+    if (const auto problem = DisplayProbe::problem(processInfo)) {
         std::fprintf(stderr, "quillfort-agent: %s; running headless.\n", problem->c_str());
         return nullptr;
     }
-    return std::make_unique<AgentFrontEnd>(argc, argv, processInfo, QuillfortFeatureFlags::resolve(processInfo));
-}
-#else
-struct AgentFrontEnd {
-    std::shared_ptr<MainThreadExecutor> mainThread() const { return nullptr; }
-    void buildPresenter(const std::shared_ptr<AgentPromptCoordinator>&) {}
-    void start(const std::shared_ptr<AgentRuleBook>&) {}
-    void showStatusWindow() {}
-    int run() { return 0; }
-};
-std::unique_ptr<AgentFrontEnd> makeFrontEnd(int&, char**, const ProcessInfo&, const Options&) {
+    const auto window = windowedAgent();
+    if (!window) {
+        std::fprintf(stderr, "quillfort-agent: this installation has no %s; running headless.\n", windowedAgentName);
+        return nullptr;
+    }
+    // Nothing runs yet (no thread, no lock, no socket), so the windowed agent
+    // starts as if it had been launched itself, with the same pid and arguments.
+    ::execv(window->c_str(), argv);
+    std::fprintf(stderr, "quillfort-agent: cannot start %s: %s; running headless.\n", window->c_str(),
+                 std::strerror(errno));
     return nullptr;
-}
-#endif
-
-int runAgent(int& argc, char** argv, const ProcessInfo& processInfo, const Options& options) {
-    // In UI mode the Qt event loop is the main thread and watches the signals itself.
-    auto frontEnd = makeFrontEnd(argc, argv, processInfo, options);
-    boost::asio::io_context mainContext(1);
-    std::shared_ptr<MainThreadExecutor> mainThread =
-        frontEnd ? frontEnd->mainThread() : std::make_shared<AsioMainThreadExecutor>(mainContext);
-    // Registered first, so a signal during start-up ends the agent cleanly too.
-    boost::asio::signal_set signals(mainContext);
-    if (!frontEnd) {
-        signals.add(SIGINT);
-        signals.add(SIGTERM);
-    }
-    auto fileSystem = defaultFileSystem();
-
-    const auto bootstrap = QuillfortAgentBootstrap::make(processInfo);
-
-    auto coordinator = std::make_shared<AgentPromptCoordinator>(AgentPromptCoordinator::Dependencies{
-        .processInfo = processInfo,
-        .userDefaults = agentUserDefaults(processInfo, fileSystem),
-        .rules = CachedRuleSnapshotReader::inSharedContainer(fileSystem),
-        .fileSystem = fileSystem,
-        .clock = systemClock(),
-        .uuids = randomUuidSource(),
-        .formatTime = {},
-    });
-
-    // Taken before anything else is built on top of the coordinator.
-    const QuillfortAgentSingleInstanceGuard singleInstanceGuard(*fileSystem, std::nullopt,
-                                                                processInfo.processIdentifier);
-
-    if (frontEnd) frontEnd->buildPresenter(coordinator);
-
-    auto serviceHost = QuillfortAgentPromptServiceHost::make({
-        .coordinator = coordinator,
-        .mainThread = mainThread,
-        .fileSystem = fileSystem,
-        .homeDirectory = std::nullopt,
-        .processInfo = processInfo,
-        .clock = systemClock(),
-        .uuids = randomUuidSource(),
-        .loopbackPort = options.loopbackPort,
-    });
-
-    const bool shouldActivate = singleInstanceGuard.shouldActivateCurrentInstance();
-    bootstrap.logLaunch();
-    if (!shouldActivate) return 0;  // the running agent is left alone
-
-    // Session rules of an earlier run go before any prompt is served.
-    const auto ruleBook = AgentRuleBook::make(AgentRuleBook::standardDependencies(fileSystem, processInfo, mainThread));
-    ruleBook->start();
-    serviceHost->start();
-    // The queue on the user's session bus, for `quillfort watch` and busctl;
-    // without a session bus the agent runs as before (one log line says so).
-    AgentSessionBusService::Extras busExtras{.rules = ruleBook, .showStatusWindow = {}};
-    if (frontEnd) busExtras.showStatusWindow = [&frontEnd] { frontEnd->showStatusWindow(); };
-    const auto sessionBus = AgentSessionBusService::start(coordinator, mainThread, std::move(busExtras));
-    if (frontEnd) frontEnd->start(ruleBook);
-    coordinator->seedPreviewPromptIfRequested(processInfo);
-
-    if (frontEnd) {
-        frontEnd->run();
-    } else {
-        auto work = boost::asio::make_work_guard(mainContext);
-        signals.async_wait([&](const boost::system::error_code& code, int) {
-            if (!code) mainContext.stop();
-        });
-        mainContext.run();
-    }
-
-    // The agent keeps its host for the life of the process: manifest, status
-    // file and session directory stay for the next launch to replace.
-    serviceHost->stopForProcessExit();
-    return 0;
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
-    // A peer that hangs up before its answer is sent must not end the agent.
-    std::signal(SIGPIPE, SIG_IGN);
-    const auto processInfo = quillfort::ProcessInfo::current(argc, argv);
-    quillfort::setLogSink(quillfort::defaultLogSink(processInfo));
-
-    CLI::App app("Quillfort Agent: answers the firewall's flow prompts for this user session.", "quillfort-agent");
-    Options options;
-    describeOptions(app, options);
-    if (const auto status = parseOptions(app, processInfo)) return *status;
-
-    try {
-        return runAgent(argc, argv, processInfo, options);
-    } catch (const std::exception& error) {
-        quillfort::QuillfortLogger::logger(quillfort::QuillfortLogCategory::agent)
-            .error("The Quillfort agent stopped on an unexpected error: %{public}s", error.what());
-        return 1;
-    }
-}
+int main(int argc, char** argv) { return QuillfortAgentApp::main(argc, argv, becomeWindowedIfPossible); }

@@ -1,5 +1,7 @@
 #include "QuillfortAgent/host/QuillfortAgentPromptServiceHost.hpp"
 
+#include <unistd.h>
+
 #include <utility>
 
 #include "contracts/FlowPromptResolution.hpp"
@@ -30,7 +32,8 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
           dependencies.processInfo.environmentValue(std::string(disableLoopbackListenerVariable)) == "1"),
       queuedRequestBytesBudget_(dependencies.queuedRequestBytesBudget),
       sessionIdentifier_(uuids_->next().uppercaseString()),
-      bridgeQueue_(std::make_unique<BridgeQueue>()) {
+      bridgeQueue_(std::make_unique<BridgeQueue>()),
+      automatedAnswerBatch_(bridgeQueue_->context()) {
     statusReporter_ = std::make_shared<AgentStatusReporter>(coordinator_, mainThread_, fileManager_,
                                                             promptAgentStatusStore_, clock_);
     fileBridge_ = std::make_shared<AgentFileBridge>(bridgeQueue_->context(), fileManager_, clock_, uuids_,
@@ -39,7 +42,8 @@ QuillfortAgentPromptServiceHost::QuillfortAgentPromptServiceHost(Dependencies de
         bridgeQueue_->context(), clock_, uuids_, dependencies.loopbackPort,
         AgentLoopbackServer::Limits{.requestTimeout = dependencies.loopbackRequestTimeout,
                                     .maximumRequestSize = dependencies.maximumRequestSize,
-                                    .frameBytesBudget = dependencies.loopbackFrameBytesBudget});
+                                    .frameBytesBudget = dependencies.loopbackFrameBytesBudget},
+        std::make_unique<LoopbackPeerCheck>(::geteuid(), std::move(dependencies.trustedGroup)));
 }
 
 QuillfortAgentPromptServiceHost::~QuillfortAgentPromptServiceHost() {
@@ -281,7 +285,8 @@ void QuillfortAgentPromptServiceHost::receivePrompt(FlowPromptRequest request, s
                                                     BridgePromptReply reply) {
     statusReporter_->recordPromptReceived();
     if (auto response = makeAutomationResponseIfNeeded(request)) {
-        finishPrompt(request, std::move(response), std::nullopt, reply);
+        finishPrompt(request, response, std::nullopt, reply);
+        recordAutomatedAnswer(std::move(request), std::move(*response));
         return;
     }
     // Only the bridge queue adds, so the total read here can only have fallen
@@ -324,13 +329,31 @@ std::optional<FlowPromptResponse> QuillfortAgentPromptServiceHost::makeAutomatio
     if (automationDirective_->focus && !automationDirective_->focus->matches(request)) return std::nullopt;
 
     auto response = makeResponse(automationDirective_->preset, request, *uuids_);
-    onMainThread([request, response](QuillfortAgentPromptServiceHost& self) {
-        self.coordinator_->recordAutomatedResolution(request, response);
-        self.coordinator_->resolvePromptsDecidedBy(response);
-    });
     logger_.log("Auto-resolved prompt %{public}s using preset %{public}s.", request.id.uppercaseString(),
                 automationDirective_->preset);
     return response;
+}
+
+// The coordinator records every automated answer (and lets a lasting one
+// settle the prompts it decides), but nobody waits for that: the answers of a
+// burst travel to the main thread together, one hop per batch instead of one
+// per prompt, in the order they were given. The client has its answer before.
+void QuillfortAgentPromptServiceHost::recordAutomatedAnswer(FlowPromptRequest request, FlowPromptResponse response) {
+    const bool first = automatedAnswers_.empty();
+    automatedAnswers_.emplace_back(std::move(request), std::move(response));
+    if (!first) return;
+    automatedAnswerBatch_.expires_after(automatedAnswerBatchDelay);
+    automatedAnswerBatch_.async_wait([weak = weakSelf()](const boost::system::error_code& code) {
+        auto self = weak.lock();
+        if (code || !self) return;
+        self->onMainThread([answers = std::exchange(self->automatedAnswers_, {})](
+                               QuillfortAgentPromptServiceHost& host) {
+            for (const auto& [answered, given] : answers) {
+                host.coordinator_->recordAutomatedResolution(answered, given);
+                host.coordinator_->resolvePromptsDecidedBy(given);
+            }
+        });
+    });
 }
 
 void QuillfortAgentPromptServiceHost::persistResolvedSnapshotIfPossible(const FlowPromptRequest& request,

@@ -15,6 +15,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
+
+#include <boost/asio/steady_timer.hpp>
 
 #include "QuillfortAgent/automation/AgentAutomationCommands.hpp"
 #include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
@@ -53,6 +57,9 @@ public:
         std::shared_ptr<Clock> clock;                         // default: the system clock
         std::shared_ptr<UuidSource> uuids;                    // default: random identifiers
         std::uint16_t loopbackPort = QuillfortPromptEndpointStore::defaultLoopbackPort;  // 0: any free port
+        // Beside root and the agent's own user, the group whose members may
+        // submit prompts over loopback (a filter running as a dedicated user).
+        std::optional<LoopbackPeerCheck::TrustedGroup> trustedGroup = std::nullopt;
         // Limits on what other processes may make the agent hold.
         std::chrono::milliseconds loopbackRequestTimeout = defaultLoopbackRequestTimeout;
         std::uint32_t maximumRequestSize = defaultMaximumRequestSize;
@@ -75,6 +82,8 @@ public:
 
     static constexpr std::string_view disableLoopbackListenerVariable = "QUILLFORT_AGENT_DISABLE_LOOPBACK_LISTENER";
     static constexpr std::chrono::milliseconds pollInterval = AgentFileBridge::pollInterval;
+    // How long automated answers gather before the coordinator records them.
+    static constexpr std::chrono::milliseconds automatedAnswerBatchDelay{10};
 
     // Builds the host; no file is touched and nothing is served until start().
     [[nodiscard]] static std::shared_ptr<QuillfortAgentPromptServiceHost> make(Dependencies dependencies);
@@ -138,6 +147,7 @@ private:
     void finishPrompt(const FlowPromptRequest& request, std::optional<FlowPromptResponse> response,
                       std::optional<std::string> errorMessage, const BridgePromptReply& reply);
     [[nodiscard]] std::optional<FlowPromptResponse> makeAutomationResponseIfNeeded(const FlowPromptRequest& request);
+    void recordAutomatedAnswer(FlowPromptRequest request, FlowPromptResponse response);
     void persistResolvedSnapshotIfPossible(const FlowPromptRequest& request, const FlowPromptResponse& response);
 
     void cancelServingOnBridgeQueue();
@@ -163,6 +173,10 @@ private:
 
     // Declared before everything that lives on its io_context, so those go first.
     std::unique_ptr<BridgeQueue> bridgeQueue_;
+    // Answers of the automation directive not yet handed to the coordinator,
+    // and the timer that hands them over together; bridge queue only.
+    boost::asio::steady_timer automatedAnswerBatch_;
+    std::vector<std::pair<FlowPromptRequest, FlowPromptResponse>> automatedAnswers_;
 
     // The four collaborators, each with the state it alone touches; their
     // comments say on which threads they run.

@@ -44,14 +44,17 @@ AgentStatusPublisher::~AgentStatusPublisher() { stop(false); }
 
 std::string AgentStatusPublisher::publish(const Mutation& mutation) {
     std::string text;
+    bool wasDirty = false;
     {
         std::lock_guard lock(lock_);
         mutation(status_);
         status_.updatedAt = dateFrom(clock_->now());
         text = status_.statusText;
-        dirty_ = true;
+        wasDirty = std::exchange(dirty_, true);
     }
-    changed_.notify_one();
+    // A writer already told is still letting the burst settle; waking it for
+    // every change of the burst would cost a thread switch each.
+    if (!wasDirty) changed_.notify_one();
     return text;
 }
 
@@ -84,6 +87,7 @@ std::string AgentStatusPublisher::publishPresentation(const std::vector<AgentPro
     std::optional<PromptAgentActivePromptSnapshot> active;
     if (!queue.empty()) active = makeActivePromptSnapshot(*queue.front(), count);
     std::string text;
+    bool wasDirty = false;
     {
         std::lock_guard lock(lock_);
         status_.activePrompt = std::move(active);
@@ -92,9 +96,9 @@ std::string AgentStatusPublisher::publishPresentation(const std::vector<AgentPro
         queue_.swap(queue);
         status_.updatedAt = dateFrom(clock_->now());
         text = status_.statusText;
-        dirty_ = true;
+        wasDirty = std::exchange(dirty_, true);
     }
-    changed_.notify_one();
+    if (!wasDirty) changed_.notify_one();
     return text;  // the previous queue is released here, outside the lock
 }
 

@@ -55,10 +55,7 @@ void AgentStatusReporter::observeCoordinator() {
         coordinator_->promptWindowVisible().subscribe([republish](const auto&) { republish(); });
 }
 
-void AgentStatusReporter::publish(const Mutation& mutation) {
-    (void)publisher_.publish(mutation);
-    updateCoordinatorListenerStatus();
-}
+void AgentStatusReporter::publish(const Mutation& mutation) { updateCoordinatorListenerStatus(publisher_.publish(mutation)); }
 
 void AgentStatusReporter::recordPromptReceived() {
     publish([at = dateFrom(clock_->now())](PromptAgentStatusSnapshot& status) { status.lastPromptReceivedAt = at; });
@@ -69,15 +66,20 @@ void AgentStatusReporter::recordPromptResolved() {
 }
 
 void AgentStatusReporter::publishPresentationState() {
-    (void)publisher_.publishPresentation(coordinator_->activePrompts().value(),
-                                         coordinator_->promptWindowVisible().value());
-    updateCoordinatorListenerStatus();
+    updateCoordinatorListenerStatus(publisher_.publishPresentation(coordinator_->activePrompts().value(),
+                                                                   coordinator_->promptWindowVisible().value()));
 }
 
-// Every publication re-sends the status text, but a burst of them (three per
-// automated prompt) needs one hop to the main thread: the task reads the text
+// The coordinator shows the status text, which most publications (the times
+// of every prompt, the queue) leave as it was: only a new text makes the hop
+// to the main thread, and a burst of them makes one, whose task reads the text
 // when it runs, so the coordinator always ends with the newest.
-void AgentStatusReporter::updateCoordinatorListenerStatus() {
+void AgentStatusReporter::updateCoordinatorListenerStatus(const std::string& text) {
+    {
+        std::lock_guard lock(sentTextLock_);
+        if (sentText_ == text) return;
+        sentText_ = text;
+    }
     if (listenerStatusUpdatePosted_.exchange(true)) return;
     mainThread_->post([weak = weak_from_this()] {
         auto self = weak.lock();

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
@@ -52,7 +53,7 @@ public:
     void stop(bool flushPending) { publisher_.stop(flushPending); }
 
 private:
-    void updateCoordinatorListenerStatus();
+    void updateCoordinatorListenerStatus(const std::string& text);
 
     std::shared_ptr<AgentPromptCoordinator> coordinator_;
     std::shared_ptr<MainThreadExecutor> mainThread_;
@@ -62,6 +63,8 @@ private:
     // Set while a task that hands the newest status text to the coordinator
     // waits on the main thread; any thread.
     std::atomic<bool> listenerStatusUpdatePosted_{false};
+    std::mutex sentTextLock_;
+    std::string sentText_;  // the last text handed on (or about to be)
 
     // Main thread only.
     bool presentationRepublishPosted_ = false;  // one republish waits at a time

@@ -1,6 +1,9 @@
 #include "QuillfortAgent/transports/AgentFileBridge.hpp"
 
+#include <sys/timerfd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <utility>
 #include <vector>
 
@@ -24,20 +27,64 @@ void AgentFileBridge::start(Directories directories, BridgePromptIntake intake, 
     directories_ = std::move(directories);
     intake_ = std::move(intake);
     afterPoll_ = std::move(afterPoll);
-    pollTimer_ = std::make_unique<boost::asio::steady_timer>(queue_);
-    nextPollAt_ = std::chrono::steady_clock::now();  // the first poll runs at once
-    schedulePoll();
+    serving_ = true;
     startWatchingDirectories();
+    startPollTimer();
+    processPendingRequests();  // the first poll runs at once
 }
 
 void AgentFileBridge::stop() {
+    serving_ = false;
     if (directoryWatcher_) {
         directoryWatcher_->cancel();
         directoryWatcher_.reset();
     }
     if (!pollTimer_) return;
-    pollTimer_->cancel();
+    boost::system::error_code ignored;
+    pollTimer_->close(ignored);  // the pending read ends with operation_aborted
     pollTimer_.reset();
+}
+
+void AgentFileBridge::startPollTimer() {
+    const int fd = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+    const auto interval = std::chrono::duration_cast<std::chrono::nanoseconds>(pollInterval).count();
+    const itimerspec every{.it_interval = {.tv_sec = interval / 1'000'000'000, .tv_nsec = interval % 1'000'000'000},
+                           .it_value = {.tv_sec = interval / 1'000'000'000, .tv_nsec = interval % 1'000'000'000}};
+    if (fd < 0 || ::timerfd_settime(fd, 0, &every, nullptr) != 0) {
+        const int err = errno;
+        if (fd >= 0) ::close(fd);
+        // Requests still arrive through the watch, when there is one.
+        logger_.error("Failed to start the prompt bridge poll: %{public}s", Error::fromErrno(err, "timerfd"));
+        return;
+    }
+    pollTimer_ = std::make_unique<boost::asio::posix::stream_descriptor>(queue_, fd);
+    waitForTick();
+}
+
+void AgentFileBridge::waitForTick() {
+    pollTimer_->async_read_some(
+        boost::asio::buffer(&tickExpirations_, sizeof tickExpirations_),
+        [weak = weak_from_this()](const boost::system::error_code& code, std::size_t) {
+            if (code) return;  // stopped
+            auto self = weak.lock();
+            if (!self || !self->serving_) return;
+            self->tick();
+            if (self->serving_ && self->pollTimer_) self->waitForTick();
+        });
+}
+
+// Idle, a tick is one look at the watch: while it works, every file that
+// landed (request or command) and every loss of a directory has already been
+// handled when it was reported, and there is nothing to look for. Without a
+// working watch the tick stats the requests directory, lists it when that
+// changed, and looks for the command file.
+void AgentFileBridge::tick() {
+    if (directoryWatcher_ && directoryWatcher_->watching()) return;
+    if (requestsMayHaveChanged()) {
+        processPendingRequests();
+    } else {
+        afterPoll_();
+    }
 }
 
 // A request is handled when its file appears; the poll stays as the net for
@@ -53,7 +100,7 @@ void AgentFileBridge::startWatchingDirectories() {
     directoryWatcher_ = std::move(*watcher);
     directoryWatcher_->start([weak = weak_from_this()] {
         auto self = weak.lock();
-        if (self && self->pollTimer_) self->processPendingRequests();
+        if (self && self->serving_) self->processPendingRequests();
     });
 }
 
@@ -71,31 +118,6 @@ bool AgentFileBridge::requestsMayHaveChanged() {
         tickListingsAtIdentity_ = 1;
     }
     return true;
-}
-
-void AgentFileBridge::schedulePoll() {
-    pollTimer_->expires_at(nextPollAt_);
-    pollTimer_->async_wait([weak = weak_from_this()](const boost::system::error_code& code) {
-        if (code) return;  // cancelled
-        auto self = weak.lock();
-        if (!self || !self->pollTimer_) return;
-        // Idle, a tick costs one stat and one look for the command file.
-        if (!self->requestsMayHaveChanged()) {
-            self->afterPoll_();
-        } else {
-            self->processPendingRequests();
-        }
-        if (!self->pollTimer_) return;
-        // Ticks stay on the grid of the first one instead of drifting by the time
-        // a poll takes; ticks missed while the queue was busy are not made up.
-        const auto current = std::chrono::steady_clock::now();
-        self->nextPollAt_ += pollInterval;
-        if (self->nextPollAt_ <= current) {
-            const auto behind = current - self->nextPollAt_;
-            self->nextPollAt_ += (behind / pollInterval + 1) * pollInterval;
-        }
-        self->schedulePoll();
-    });
 }
 
 void AgentFileBridge::processPendingRequests() {

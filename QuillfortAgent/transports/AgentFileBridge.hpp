@@ -1,7 +1,8 @@
 // The file transport of the service host: the 100 ms poll of this session's
 // requests directory (with an inotify watch so most requests need no tick),
 // each request file decoded and handed to the host, and its answer written as a
-// response file named after the prompt.
+// response file named after the prompt. While the watch works, an idle tick
+// costs nothing but its wake-up.
 #pragma once
 
 #include <chrono>
@@ -14,7 +15,7 @@
 #include <string>
 
 #include <boost/asio/io_context.hpp>
-#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
 
 #include "QuillfortAgent/host/BridgePromptIntake.hpp"
 #include "QuillfortAgent/transports/DirectoryWatcher.hpp"
@@ -44,14 +45,17 @@ public:
                     std::uint32_t maximumRequestSize);
 
     // Polls at once and then on every tick. `intake` gets each decoded request;
-    // `afterPoll` runs after every tick, busy or idle.
+    // `afterPoll` (the automation command's look) runs after every listing of
+    // the directory, and on every tick while no watch reports the changes.
     void start(Directories directories, BridgePromptIntake intake, std::function<void()> afterPoll);
     // Ends the poll and the watch; requests handed on still get their answers
     // written if the host lives on. Idempotent.
     void stop();
 
 private:
-    void schedulePoll();
+    void startPollTimer();
+    void waitForTick();
+    void tick();
     void startWatchingDirectories();
     // True when the poll tick must list the requests directory; see the
     // fields it keeps below.
@@ -73,8 +77,11 @@ private:
     std::optional<Directories> directories_;
     BridgePromptIntake intake_;
     std::function<void()> afterPoll_;
-    std::unique_ptr<boost::asio::steady_timer> pollTimer_;
-    std::chrono::steady_clock::time_point nextPollAt_{};
+    bool serving_ = false;  // from start() to stop()
+    // A periodic timerfd: the kernel keeps the ticks on the grid of the first
+    // one, and a tick missed while the queue was busy is not made up.
+    std::unique_ptr<boost::asio::posix::stream_descriptor> pollTimer_;
+    std::uint64_t tickExpirations_ = 0;  // what the timer's read gives; not used
     std::shared_ptr<DirectoryWatcher> directoryWatcher_;
     // Request files handed on and not yet answered: they stay in the directory
     // while the coordinator holds their prompt and must not be taken again.

@@ -45,15 +45,18 @@ private:
     std::uint64_t counted_ = 0;
 };
 
-// One frame being read from a loopback connection, with the deadline by which
-// it must be complete.
+// One frame being read from a loopback connection, with the time by which it
+// must be complete.
 struct FrameRead {
     std::shared_ptr<LoopbackConnection> connection;
     FrameReader reader;
     std::function<void(Result<std::string>)> completion;
-    boost::asio::io_context::executor_type queue;
+    boost::asio::io_context& queue;
     std::uint32_t maximumSize;
-    boost::asio::steady_timer deadline;
+    std::chrono::steady_clock::time_point deadline;
+    // Armed only once a read has to wait: a frame that is already there, as
+    // nearly every one is, costs no timer.
+    std::optional<boost::asio::steady_timer> deadlineTimer;
     HeldFrameBytes held;
     bool timedOut = false;
     bool finished = false;
@@ -61,9 +64,22 @@ struct FrameRead {
 
 void finishFrameRead(FrameRead& read, Result<std::string> result) {
     read.finished = true;
-    read.deadline.cancel();
+    if (read.deadlineTimer) read.deadlineTimer->cancel();
     read.held.giveBack();
     read.completion(std::move(result));
+}
+
+// An idle or trickling client must not hold a descriptor for ever. Closing
+// the socket ends the pending receive, which then reports the time-out.
+void armDeadline(const std::shared_ptr<FrameRead>& read) {
+    if (read->deadlineTimer || read->finished) return;
+    read->deadlineTimer.emplace(read->queue, read->deadline);
+    read->deadlineTimer->async_wait([weak = std::weak_ptr<FrameRead>(read)](const boost::system::error_code& code) {
+        auto pending = weak.lock();
+        if (code || !pending || pending->finished) return;
+        pending->timedOut = true;
+        pending->connection->close();
+    });
 }
 
 // Each round asks for at least 1 and at most the bytes the frame still needs
@@ -71,10 +87,12 @@ void finishFrameRead(FrameRead& read, Result<std::string> result) {
 // round is queued behind whatever else waits on the bridge queue.
 void receiveFrameBytes(std::shared_ptr<FrameRead> read) {
     const auto wanted = read->reader.bytesWanted();
-    read->connection->receive(wanted, [read](std::string bytes, bool isComplete, std::optional<Error> error) {
+    const bool waits = read->connection->receive(wanted, [read](std::string bytes, bool isComplete,
+                                                                std::optional<Error> error) {
         if (read->finished) return;
         if (read->timedOut) {
-            finishFrameRead(*read, std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::requestTimedOut)));
+            finishFrameRead(*read,
+                            std::unexpected(LoopbackPromptError::make(LoopbackPromptErrorCode::requestTimedOut)));
             return;
         }
         if (error) {
@@ -103,6 +121,7 @@ void receiveFrameBytes(std::shared_ptr<FrameRead> read) {
         }
         boost::asio::post(read->queue, [read] { receiveFrameBytes(read); });
     });
+    if (waits) armDeadline(read);
 }
 
 bool isLoopbackError(const Error& error, LoopbackPromptErrorCode code) {
@@ -113,12 +132,13 @@ bool isLoopbackError(const Error& error, LoopbackPromptErrorCode code) {
 
 AgentLoopbackServer::AgentLoopbackServer(boost::asio::io_context& queue, std::shared_ptr<Clock> clock,
                                          std::shared_ptr<UuidSource> uuids, std::uint16_t requestedPort,
-                                         Limits limits)
+                                         Limits limits, std::unique_ptr<LoopbackPeerCheck> peerCheck)
     : queue_(queue),
       clock_(std::move(clock)),
       uuids_(std::move(uuids)),
       requestedPort_(requestedPort),
-      limits_(limits) {}
+      limits_(limits),
+      peerCheck_(std::move(peerCheck)) {}
 
 void AgentLoopbackServer::start(BridgePromptIntake intake, ReadinessHandler onReadiness) {
     // Clients only ever connect to 127.0.0.1, so nothing beyond this machine
@@ -162,6 +182,7 @@ void AgentLoopbackServer::stop() {
         if (auto connection = weak.lock()) connection->release();
     }
     connections_.clear();
+    sweptConnectionCount_ = 0;
 }
 
 void AgentLoopbackServer::handleListenerState(LoopbackListener::State state, const std::optional<Error>& error) {
@@ -188,39 +209,39 @@ void AgentLoopbackServer::receiveFrame(const std::shared_ptr<LoopbackConnection>
         .connection = connection,
         .reader = {},
         .completion = std::move(completion),
-        .queue = queue_.get_executor(),
+        .queue = queue_,
         .maximumSize = limits_.maximumRequestSize,
-        .deadline = boost::asio::steady_timer(queue_),
+        .deadline = connection->acceptedAt() + limits_.requestTimeout,
+        .deadlineTimer = std::nullopt,
         .held = HeldFrameBytes(frameBytesHeld_, limits_.frameBytesBudget),
-    });
-    // An idle or trickling client must not hold a descriptor for ever. Closing
-    // the socket ends the pending receive, which then reports the time-out.
-    read->deadline.expires_after(limits_.requestTimeout);
-    read->deadline.async_wait([weak = std::weak_ptr<FrameRead>(read)](const boost::system::error_code& code) {
-        auto pending = weak.lock();
-        if (code || !pending || pending->finished) return;
-        pending->timedOut = true;
-        pending->connection->cancel();
     });
     receiveFrameBytes(std::move(read));
 }
 
 void AgentLoopbackServer::receiveRequest(const std::shared_ptr<LoopbackConnection>& connection) {
-    std::erase_if(connections_, [](const auto& weak) { return weak.expired(); });
+    // Connections that ended are forgotten now and then, not on every accept:
+    // with a thousand prompts waiting, a sweep per accept would cost a thousand looks.
+    if (connections_.size() >= 2 * sweptConnectionCount_ + 16) {
+        std::erase_if(connections_, [](const auto& weak) { return weak.expired(); });
+        sweptConnectionCount_ = connections_.size();
+    }
     connections_.push_back(connection);
 
-    receiveFrame(connection, [weak = weak_from_this(), connection](Result<std::string> frame) {
+    // Asked while the peer is surely still connected; what it sends is read
+    // either way, so that it is answered rather than cut off.
+    const auto verdict = peerCheck_->check(connection->peer(), listener_->localEndpoint());
+    receiveFrame(connection, [weak = weak_from_this(), connection, verdict](Result<std::string> frame) {
         auto self = weak.lock();
         if (!self) {
-            connection->cancel();
+            connection->close();
             return;
         }
-        self->handleFrame(connection, std::move(frame));
+        self->handleFrame(connection, verdict, std::move(frame));
     });
 }
 
 void AgentLoopbackServer::handleFrame(const std::shared_ptr<LoopbackConnection>& connection,
-                                      Result<std::string> frame) {
+                                      const LoopbackPeerCheck::Verdict& verdict, Result<std::string> frame) {
     if (!frame && (isLoopbackError(frame.error(), LoopbackPromptErrorCode::payloadTooLarge) ||
                    isLoopbackError(frame.error(), LoopbackPromptErrorCode::frameBudgetExceeded))) {
         // The client is told why, rather than left with a closed connection.
@@ -239,10 +260,22 @@ void AgentLoopbackServer::handleFrame(const std::shared_ptr<LoopbackConnection>&
     }
     if (!frame) {
         logger_.error("Failed to receive the loopback prompt request: %{public}s", frame.error());
-        connection->cancel();
+        connection->close();
         return;
     }
     auto envelope = decodeJson<QuillfortPromptBridgeRequestEnvelope>(*frame);
+    if (!verdict.trusted) {
+        // Nothing of it reaches the queue; the refusal was logged by the check.
+        sendResponse(
+            QuillfortPromptBridgeResponseEnvelope{
+                .promptID = envelope ? envelope->request.id : uuids_->next(),
+                .response = std::nullopt,
+                .errorMessage = peerCheck_->refusalMessage(verdict),
+                .createdAt = now(),
+            },
+            connection);
+        return;
+    }
     if (!envelope) {
         logger_.error("Failed to decode the loopback prompt request: %{public}s", envelope.error().description());
         sendResponse(
@@ -278,12 +311,13 @@ void AgentLoopbackServer::sendResponse(const QuillfortPromptBridgeResponseEnvelo
     auto frame = encodeFrame(encodeCompact(envelope));
     if (!frame) {
         logger_.error("Failed to encode the loopback prompt response: %{public}s", frame.error().description());
-        connection->cancel();
+        connection->close();
         return;
     }
+    // One close after the answer: the peer reads it, then the end of the stream.
     connection->sendFinal(std::move(*frame), [logger = logger_, connection](std::optional<Error> error) {
         if (error) logger.error("Failed to send the loopback prompt response: %{public}s", *error);
-        connection->cancel();
+        connection->close();
     });
 }
 

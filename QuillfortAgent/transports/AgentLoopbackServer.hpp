@@ -1,6 +1,8 @@
 // The loopback transport of the service host: the listener on 127.0.0.1, one
 // length-prefixed request frame read from each connection within a deadline,
-// handed to the host, and the answer framed back before the connection ends.
+// handed to the host when the connection's user may submit prompts (else
+// answered with a refusal), and the answer framed back before the connection
+// ends.
 #pragma once
 
 #include <atomic>
@@ -15,6 +17,7 @@
 #include "QuillfortAgent/host/BridgePromptIntake.hpp"
 #include "QuillfortAgent/transports/LoopbackConnection.hpp"
 #include "QuillfortAgent/transports/LoopbackListener.hpp"
+#include "QuillfortAgent/transports/LoopbackPeerCheck.hpp"
 #include "contracts/QuillfortPromptBridgeEnvelopes.hpp"
 #include "model/Date.hpp"
 #include "model/Uuid.hpp"
@@ -38,7 +41,8 @@ public:
     using ReadinessHandler = std::function<void(bool ready)>;
 
     AgentLoopbackServer(boost::asio::io_context& queue, std::shared_ptr<Clock> clock,
-                        std::shared_ptr<UuidSource> uuids, std::uint16_t requestedPort, Limits limits);
+                        std::shared_ptr<UuidSource> uuids, std::uint16_t requestedPort, Limits limits,
+                        std::unique_ptr<LoopbackPeerCheck> peerCheck);
 
     // Makes the listener here and starts it on the queue; a listener that cannot
     // even be made is logged and never reports readiness.
@@ -56,7 +60,8 @@ private:
     void handleListenerState(LoopbackListener::State state, const std::optional<Error>& error);
     void receiveRequest(const std::shared_ptr<LoopbackConnection>& connection);
     void receiveFrame(const std::shared_ptr<LoopbackConnection>& connection, FrameCompletion completion);
-    void handleFrame(const std::shared_ptr<LoopbackConnection>& connection, Result<std::string> frame);
+    void handleFrame(const std::shared_ptr<LoopbackConnection>& connection, const LoopbackPeerCheck::Verdict& verdict,
+                     Result<std::string> frame);
     void sendResponse(const QuillfortPromptBridgeResponseEnvelope& envelope,
                       const std::shared_ptr<LoopbackConnection>& connection);
     [[nodiscard]] Date now() const { return dateFrom(clock_->now()); }
@@ -66,6 +71,7 @@ private:
     std::shared_ptr<UuidSource> uuids_;
     std::uint16_t requestedPort_;
     Limits limits_;
+    std::unique_ptr<LoopbackPeerCheck> peerCheck_;  // bridge queue only
     Logger logger_{QuillfortLogCategory::agent};
 
     BridgePromptIntake intake_;
@@ -75,6 +81,7 @@ private:
     // reply callback waits in the coordinator: their sockets are released on
     // the queue before its io_context goes, whoever holds them then.
     std::vector<std::weak_ptr<LoopbackConnection>> connections_;
+    std::size_t sweptConnectionCount_ = 0;  // how many were left by the last sweep
     std::atomic<std::uint16_t> boundPort_{0};
     // Bytes received into frames not yet complete, on every connection. Shared
     // with each read so that its bytes come back even when the read outlives

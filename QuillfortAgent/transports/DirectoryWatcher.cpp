@@ -18,8 +18,9 @@ Result<std::shared_ptr<DirectoryWatcher>> DirectoryWatcher::make(
     const int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     if (fd < 0) return std::unexpected(Error::fromErrno(errno, "inotify"));
     // Clients write a temporary and rename it into place (IN_MOVED_TO); one that
-    // writes in place is seen when it closes the file (IN_CLOSE_WRITE).
-    constexpr std::uint32_t mask = IN_CLOSE_WRITE | IN_MOVED_TO | IN_ONLYDIR;
+    // writes in place is seen when it closes the file (IN_CLOSE_WRITE). A
+    // watched directory that is moved or removed ends its watch.
+    constexpr std::uint32_t mask = IN_CLOSE_WRITE | IN_MOVED_TO | IN_MOVE_SELF | IN_DELETE_SELF | IN_ONLYDIR;
     for (const auto& directory : directories) {
         if (::inotify_add_watch(fd, directory.c_str(), mask) < 0) {
             const int err = errno;
@@ -44,17 +45,20 @@ void DirectoryWatcher::cancel() {
     onChange_ = nullptr;
 }
 
-bool DirectoryWatcher::namesVisibleFile(std::size_t size) const {
+bool DirectoryWatcher::namesVisibleFile(std::size_t size) {
+    bool visible = false;
     std::size_t offset = 0;
     while (offset + sizeof(inotify_event) <= size) {
         inotify_event event{};
         std::memcpy(&event, buffer_.data() + offset, sizeof(event));
-        if (event.mask & IN_Q_OVERFLOW) return true;
+        // A directory of its own moved or removed: whatever takes its place is
+        // not watched, so from now on only the poll sees it.
+        if (event.mask & (IN_MOVE_SELF | IN_DELETE_SELF | IN_IGNORED)) lostDirectory_ = true;
         const char* name = buffer_.data() + offset + sizeof(inotify_event);
-        if (event.len == 0 || name[0] != '.') return true;
+        if ((event.mask & IN_Q_OVERFLOW) || event.len == 0 || name[0] != '.') visible = true;
         offset += sizeof(inotify_event) + event.len;
     }
-    return false;
+    return visible;
 }
 
 void DirectoryWatcher::doRead() {
@@ -68,6 +72,7 @@ void DirectoryWatcher::doRead() {
                 // Not fatal: the poll tick still finds every request, only later.
                 Logger(QuillfortLogCategory::agent)
                     .error("Stopped watching the prompt bridge directories: %{public}s", code.message());
+                self->onChange_ = nullptr;
                 return;
             }
             if (self->namesVisibleFile(size)) self->onChange_();

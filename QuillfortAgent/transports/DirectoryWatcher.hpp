@@ -1,5 +1,6 @@
 // Tells the bridge queue when a file lands in a watched directory (inotify), so
-// a request is handled when it appears instead of at the next poll tick.
+// a request is handled when it appears instead of at the next poll tick, and
+// whether every change is still being told.
 #pragma once
 
 #include <array>
@@ -29,15 +30,20 @@ public:
     // overflowed event queue counts as a change like any other.
     void start(std::function<void()> onChange);
     void cancel();
+    // False once cancelled, once reading the events failed, or once a watched
+    // directory was moved or removed: changes are then no longer all reported.
+    [[nodiscard]] bool watching() const noexcept { return static_cast<bool>(onChange_) && !lostDirectory_; }
 
 private:
     explicit DirectoryWatcher(boost::asio::posix::stream_descriptor descriptor);
     void doRead();
-    // Whether the `size` bytes of events just read name anything but hidden files.
-    [[nodiscard]] bool namesVisibleFile(std::size_t size) const;
+    // Whether the `size` bytes of events just read name anything but hidden
+    // files; notes a watched directory that went.
+    [[nodiscard]] bool namesVisibleFile(std::size_t size);
 
     boost::asio::posix::stream_descriptor descriptor_;
     std::function<void()> onChange_;
+    bool lostDirectory_ = false;
     alignas(8) std::array<char, 8192> buffer_{};
 };
 

@@ -4,11 +4,7 @@
 #include <csignal>
 #include <cstring>
 #include <filesystem>
-#include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
-
-#include <xcb/xcb.h>
 
 #include <QAction>
 #include <QApplication>
@@ -18,6 +14,7 @@
 #include <QSystemTrayIcon>
 #include <QWindow>
 
+#include "QuillfortAgent/app/DisplayProbe.hpp"
 #include "QuillfortAgent/coordinator/AgentPromptCoordinator.hpp"
 #include "QuillfortAgent/ui/AgentPromptWindowPresenter.hpp"
 #include "QuillfortAgent/host/AgentFlowMonitor.hpp"
@@ -46,37 +43,9 @@ bool nonEmpty(const ProcessInfo& processInfo, const char* name) {
     return value && !value->empty();
 }
 
-// Whether a Wayland compositor answers on WAYLAND_DISPLAY (a name under
-// XDG_RUNTIME_DIR, or an absolute socket path).
-bool waylandAnswers(const ProcessInfo& processInfo) {
-    if (!nonEmpty(processInfo, "WAYLAND_DISPLAY")) return false;
-    std::filesystem::path socketPath = *processInfo.environmentValue("WAYLAND_DISPLAY");
-    if (socketPath.is_relative()) {
-        if (!nonEmpty(processInfo, "XDG_RUNTIME_DIR")) return false;
-        socketPath = std::filesystem::path(*processInfo.environmentValue("XDG_RUNTIME_DIR")) / socketPath;
-    }
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (socketPath.native().size() >= sizeof(address.sun_path)) return false;
-    std::memcpy(address.sun_path, socketPath.c_str(), socketPath.native().size());
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) return false;
-    const bool connected = ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    ::close(fd);
-    return connected;
-}
-
 bool waylandPluginInstalled() {
     const auto plugins = QLibraryInfo::path(QLibraryInfo::PluginsPath).toStdString();
     return std::filesystem::exists(std::filesystem::path(plugins) / "platforms" / "libqwayland-generic.so");
-}
-
-bool xDisplayAnswers(const ProcessInfo& processInfo) {
-    if (!nonEmpty(processInfo, "DISPLAY")) return false;
-    xcb_connection_t* connection = xcb_connect(processInfo.environmentValue("DISPLAY")->c_str(), nullptr);
-    const bool failed = xcb_connection_has_error(connection) != 0;
-    xcb_disconnect(connection);
-    return !failed;
 }
 
 // The Qt platform for this session: native Wayland where a compositor answers
@@ -84,8 +53,8 @@ bool xDisplayAnswers(const ProcessInfo& processInfo) {
 // (XWayland included), else none. Both are tried here, before Qt, so that a
 // display that does not answer means the next choice instead of an abort.
 std::optional<std::string> choosePlatformName(const ProcessInfo& processInfo) {
-    if (waylandAnswers(processInfo) && waylandPluginInstalled()) return "wayland";
-    if (xDisplayAnswers(processInfo)) return "xcb";
+    if (DisplayProbe::waylandAnswers(processInfo) && waylandPluginInstalled()) return "wayland";
+    if (DisplayProbe::xDisplayAnswers(processInfo)) return "xcb";
     return std::nullopt;
 }
 
@@ -111,7 +80,7 @@ std::optional<std::string> displayProblem(const ProcessInfo& processInfo) {
     if (!wayland && !x) return "no display found (DISPLAY and WAYLAND_DISPLAY are unset)";
     std::string problem;
     if (wayland)
-        problem = waylandAnswers(processInfo)
+        problem = DisplayProbe::waylandAnswers(processInfo)
                       ? "Qt's Wayland platform (qt6-wayland) is not installed"
                       : "no Wayland compositor answers on " + *processInfo.environmentValue("WAYLAND_DISPLAY");
     if (x) problem += (problem.empty() ? "" : " and ") + std::string("cannot open the X display ") +

@@ -101,13 +101,15 @@ TEST(ServiceHostFileBridge, FocusElsewhereLeavesThePromptToTheCoordinator) {
     ASSERT_TRUE(harness.runUntil([&] { return harness.host->status().activePromptCount == 1; }));
     EXPECT_EQ(harness.host->status().activePrompt->promptID, sampleUuid(2));
     // Still in the directory while it waits, the file is not handed on again by
-    // later polls: one more listing and what follows it on the serial queue, so
-    // a second hand-off would be waiting on the main thread by then.
-    const auto listings = [&] { return harness.fakeFileSystem->count(FakeFileSystem::Operation::listDirectory); };
-    const auto seen = listings();
-    ASSERT_TRUE(harness.runUntil([&] { return listings() > seen; }));
-    const auto later = harness.fakeFileSystem->calls().size();
-    ASSERT_TRUE(harness.runUntil([&] { return harness.fakeFileSystem->calls().size() > later + 2; }));
+    // later looks: another file lands, and once the look it causes has ended
+    // (with the command file's, its last step) a second hand-off would be
+    // waiting on the main thread.
+    const auto commandLooks = [&] {
+        return harness.fakeFileSystem->count(FakeFileSystem::Operation::fileIdentity, harness.commandFile());
+    };
+    const auto seen = commandLooks();
+    harness.writeFile(harness.requestsDirectory() / "notes.txt", "not a request");
+    ASSERT_TRUE(harness.runUntil([&] { return commandLooks() > seen; }));
     harness.mainContext.poll();
     EXPECT_EQ(harness.logCount("Queued prompt " + sampleUuid(2).uppercaseString()), 1u);
 

@@ -135,11 +135,13 @@ ChildProcess AgentSandbox::startAgent(const std::vector<std::string>& arguments,
     return std::move(*started);
 }
 
-ChildProcess& AgentSandbox::launchAgent(const Environment& extra) {
+ChildProcess& AgentSandbox::launchAgent(const Environment& extra, const std::vector<std::string>& arguments) {
     // Port 0: the kernel picks a port nobody holds, and the agent names it in
     // its log. A port probed free beforehand can be taken by any connection's
     // ephemeral end before the agent binds it.
-    agent_ = std::make_unique<ChildProcess>(startAgent({"--headless", "--loopback-port", "0"}, extra));
+    auto withPort = arguments;
+    withPort.insert(withPort.end(), {"--loopback-port", "0"});
+    agent_ = std::make_unique<ChildProcess>(startAgent(withPort, extra));
 
     const bool ready = eventually([&] {
         const auto current = status();

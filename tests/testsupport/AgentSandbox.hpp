@@ -91,9 +91,10 @@ public:
     [[nodiscard]] const std::filesystem::path& home() const { return home_.path(); }
     [[nodiscard]] Environment environment() const;
 
-    // Starts the agent headless on a free port and waits until both transports
-    // are ready.
-    ChildProcess& launchAgent(const Environment& extra = {});
+    // Starts the agent on a free port (headless unless `arguments` say
+    // otherwise) and waits until both transports are ready.
+    ChildProcess& launchAgent(const Environment& extra = {},
+                              const std::vector<std::string>& arguments = {"--headless"});
     // An agent launch in the same home with `extra` variables, not waited for.
     [[nodiscard]] ChildProcess startAgent(const std::vector<std::string>& arguments, const Environment& extra = {});
     [[nodiscard]] std::uint16_t port() const { return port_; }

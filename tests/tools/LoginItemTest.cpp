@@ -13,8 +13,10 @@ namespace {
 // A user manager that remembers what it was told instead of asking systemd.
 class FakeUserServices final : public LoginItem::UserServiceManager {
 public:
-    explicit FakeUserServices(std::optional<std::string> state) : state_(std::move(state)) {}
+    FakeUserServices(std::optional<std::string> state, bool graphicalSession)
+        : state_(std::move(state)), graphicalSession_(graphicalSession) {}
     std::optional<std::string> unitFileState(std::string_view) override { return state_; }
+    bool graphicalSessionReached() override { return graphicalSession_; }
     std::expected<void, std::string> setUnitEnabled(std::string_view, bool enabled) override {
         ++changes;
         state_ = enabled ? "enabled" : "disabled";
@@ -24,6 +26,7 @@ public:
 
 private:
     std::optional<std::string> state_;
+    bool graphicalSession_;
 };
 
 enum class UserFile { absent, hidden, starts };
@@ -67,6 +70,7 @@ TEST(LoginItem, SwitchesTheMechanismInForceAndOnlyTheUsersAutostartCopy) {
         bool enable;
         UserFile userFileAfter;
         int unitChanges;
+        bool graphicalSession = true;
     };
     using enum UserFile;
     const Case cases[] = {
@@ -76,6 +80,8 @@ TEST(LoginItem, SwitchesTheMechanismInForceAndOnlyTheUsersAutostartCopy) {
         {"already on changes nothing", std::nullopt, true, absent, true, absent, 0},
         {"on through the unit hides the autostart entry", "disabled", true, absent, true, hidden, 1},
         {"a masked unit is left as it is", "masked", false, absent, false, absent, 0},
+        {"on without a graphical session target keeps the autostart entry", "disabled", true, hidden, true, absent, 0,
+         false},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -88,7 +94,7 @@ TEST(LoginItem, SwitchesTheMechanismInForceAndOnlyTheUsersAutostartCopy) {
                   "[Desktop Entry]\nExec=quillfort-agent\n");
         if (c.userFileBefore == hidden) testing::writeText(userPath, "[Desktop Entry]\nHidden=true\n");
 
-        FakeUserServices services(c.unitState);
+        FakeUserServices services(c.unitState, c.graphicalSession);
         const LoginItem::Context context{fileSystem, c.unitState ? &services : nullptr, locations};
         auto state = LoginItem::setEnabled(context, c.enable);
         ASSERT_TRUE(state) << state.error();

@@ -6,6 +6,7 @@
 #include "contracts/FlowPromptMessages.hpp"
 #include "model/Json.hpp"
 #include "tests/testsupport/AgentSandbox.hpp"
+#include "tools/RunningAgent.hpp"
 
 namespace quillfort {
 namespace {
@@ -51,7 +52,12 @@ TEST_F(QuillfortToolEndToEnd, PromptOverLoopbackBecomesARuleAndNoEndpointIsAClea
 }
 
 TEST_F(QuillfortToolEndToEnd, AnswerResolvesAPromptAnotherToolWaitsFor) {
-    sandbox_.launchAgent();
+    auto& agent = sandbox_.launchAgent();
+    // The lock names the running agent (what the watch compares the status file with).
+    const auto holder = RunningAgent::holdingLock(sandbox_.container() / "QuillfortPromptBridge" / "QuillfortAgent.lock");
+    ASSERT_TRUE(holder);
+    EXPECT_EQ(holder->pid, agent.pid());
+    EXPECT_TRUE(holder->startedAt);
 
     ChildProcess waiting = sandbox_.startTool({"prompt", "--host", "queued.example.net", "--port", "22", "--exe",
                                       "/usr/bin/ssh", "--tag", "ssh", "--no-loopback"});

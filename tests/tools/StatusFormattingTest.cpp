@@ -64,5 +64,20 @@ TEST(StatusFormatting, AgeIsCountedInTheLargestWholeUnit) {
     EXPECT_EQ(StatusFormatting::destinationText("api.example.com", std::nullopt), "api.example.com");
 }
 
+// The running agent is the one holding the lock; a file it has not written
+// since it started, or one left without any agent, is called out.
+TEST(StatusFormatting, StaleStatusFileIsCalledOut) {
+    const Date written = testing::sampleDate();
+    using Agent = RunningAgent::Agent;
+    const std::pair<std::optional<Agent>, std::optional<std::string>> cases[] = {
+        {Agent{4711, written - 60s}, std::nullopt},
+        {Agent{4711, written + 2s}, std::nullopt},  // within what /proc's start times can tell apart
+        {Agent{4711, std::nullopt}, std::nullopt},
+        {Agent{4711, written + 60s}, "Out of date: this status file (2026-03-01T12:00:00Z) predates agent pid 4711."},
+        {std::nullopt, "No agent runs: this status file is what one left at 2026-03-01T12:00:00Z."},
+    };
+    for (const auto& [agent, note] : cases) EXPECT_EQ(StatusFormatting::staleStatusNote(written, agent), note);
+}
+
 }  // namespace
 }  // namespace quillfort
