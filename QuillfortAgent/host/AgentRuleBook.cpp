@@ -304,6 +304,9 @@ void AgentRuleBook::watch() {
     worker_->watcher->start([weak = weak_from_this()] {
         if (auto self = weak.lock()) self->onFileChanged();
     });
+    // A writer may have replaced the snapshot between start()'s read and the
+    // watch: look once, so that change is not left until the next one.
+    onFileChanged();
 }
 
 void AgentRuleBook::onFileChanged() {

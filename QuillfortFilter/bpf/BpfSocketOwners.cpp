@@ -3,6 +3,7 @@
 #include <bpf/libbpf.h>
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sstream>
@@ -87,14 +88,23 @@ std::optional<qf_flow_owner> BpfSocketOwners::flowOwner(const qf_flow_key& key) 
     return owner;
 }
 
-std::optional<std::string> BpfSocketOwners::execPath(std::uint32_t tgid, std::uint64_t startBoottimeNs) const {
+std::optional<BpfSocketOwners::StartedProgram> BpfSocketOwners::startedProgram(std::uint32_t tgid,
+                                                                              std::uint64_t startBoottimeNs) const {
     qf_exec_record record{};
     if (bpf_map__lookup_elem(skeleton_->maps.exec_paths, &tgid, sizeof tgid, &record, sizeof record, 0) != 0)
         return std::nullopt;
     if (record.start_boottime_ns != startBoottimeNs) return std::nullopt;
     record.path[sizeof record.path - 1] = '\0';
     if (record.path[0] == '\0') return std::nullopt;
-    return std::string(record.path);
+    const auto length = std::min<std::size_t>(record.args_length, sizeof record.args);
+    return StartedProgram{record.path, recordedArguments(std::string_view(record.args, length))};
+}
+
+std::vector<std::string> BpfSocketOwners::recordedArguments(std::string_view args) {
+    std::vector<std::string> arguments;
+    for (std::size_t end; (end = args.find('\0')) != std::string_view::npos; args.remove_prefix(end + 1))
+        arguments.emplace_back(args.substr(0, end));
+    return arguments;
 }
 
 }  // namespace quillfort

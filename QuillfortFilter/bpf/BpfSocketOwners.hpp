@@ -34,9 +34,17 @@ public:
     BpfSocketOwners& operator=(const BpfSocketOwners&) = delete;
 
     [[nodiscard]] std::optional<qf_flow_owner> flowOwner(const qf_flow_key& key) const;
-    // The path the thread group `tgid` was last started from, when that start
-    // is the one at `startBoottimeNs`.
-    [[nodiscard]] std::optional<std::string> execPath(std::uint32_t tgid, std::uint64_t startBoottimeNs) const;
+    struct StartedProgram {
+        std::string path;
+        std::vector<std::string> arguments;  // as far as the record holds whole ones
+    };
+    // What the thread group `tgid` was last started as, when that start is
+    // the one at `startBoottimeNs`.
+    [[nodiscard]] std::optional<StartedProgram> startedProgram(std::uint32_t tgid,
+                                                               std::uint64_t startBoottimeNs) const;
+    // The whole NUL-terminated pieces of a recorded argument list; a piece
+    // cut short by the record's end is left out rather than taken for a name.
+    [[nodiscard]] static std::vector<std::string> recordedArguments(std::string_view args);
 
     // The mount point of the cgroup v2 hierarchy in a mountinfo text, or nothing.
     [[nodiscard]] static std::optional<std::filesystem::path> cgroup2Mount(std::string_view mountinfo);

@@ -9,8 +9,14 @@
 
 #define QF_CORE __attribute__((preserve_access_index))
 
+struct mm_struct {
+    unsigned long arg_start;
+    unsigned long arg_end;
+} QF_CORE;
+
 struct task_struct {
     unsigned int flags;
+    struct mm_struct *mm;
     int tgid;
     struct task_struct *real_parent;
     struct task_struct *group_leader;

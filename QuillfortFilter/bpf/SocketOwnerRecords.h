@@ -18,6 +18,7 @@ typedef __u64 qf_u64;
 
 #define QF_COMM_LENGTH 16
 #define QF_EXEC_PATH_LENGTH 256
+#define QF_EXEC_ARGS_LENGTH 256 /* a power of two: the length read is masked by it */
 
 /* A flow as its first packet shows it from this host: protocol, local port,
  * remote address and port. The local address is left out: an unconnected
@@ -41,7 +42,14 @@ struct qf_flow_owner {
     char comm[QF_COMM_LENGTH];
 };
 
+/* What an exec started, kept for a process that is gone by the time its
+ * flow is read: the path, and the start of its argument list (NUL-separated,
+ * the last piece cut short when the list is longer), which names the script
+ * an interpreter runs. */
 struct qf_exec_record {
     qf_u64 start_boottime_ns;
+    qf_u32 args_length;
+    qf_u32 reserved;
     char path[QF_EXEC_PATH_LENGTH];
+    char args[QF_EXEC_ARGS_LENGTH];
 };

@@ -140,6 +140,16 @@ int quillfort_exec(struct bpf_raw_tracepoint_args *ctx) {
     scratch->start_boottime_ns = BPF_CORE_READ(task, group_leader, start_boottime);
     const char *filename = BPF_CORE_READ(binprm, filename);
     if (bpf_probe_read_kernel_str(scratch->path, sizeof scratch->path, filename) < 0) scratch->path[0] = 0;
+    /* The new program's arguments are already on its stack here. */
+    struct mm_struct *mm = BPF_CORE_READ(task, mm);
+    unsigned long arg_start = BPF_CORE_READ(mm, arg_start);
+    unsigned long arg_end = BPF_CORE_READ(mm, arg_end);
+    __u64 length = arg_end > arg_start ? arg_end - arg_start : 0;
+    if (length > QF_EXEC_ARGS_LENGTH - 1) length = QF_EXEC_ARGS_LENGTH - 1;
+    length &= QF_EXEC_ARGS_LENGTH - 1;
+    scratch->args_length = 0;
+    if (length > 0 && bpf_probe_read_user(scratch->args, length, (const void *)arg_start) == 0)
+        scratch->args_length = (__u32)length;
     bpf_map_update_elem(&exec_paths, &tgid, scratch, BPF_ANY);
     return 0;
 }

@@ -638,8 +638,9 @@ struct FilterDaemon::State {
             flowLog().log("No agent runs for the shared folder; prompt %{public}s gets the fallback.", id.uppercaseString());
             return fallBack(id, "prompt_agent_unavailable_drop");
         }
-        flowLog().log("Asking the agent about %{public}s (prompt %{public}s).", prompt.request.context.flow.extensionGeneratedID,
-                      id.uppercaseString());
+        flowLog().log("Asking the agent about %{public}s: %{public}s of user %u to %{public}s port %u (prompt %{public}s).",
+                      prompt.request.context.flow.extensionGeneratedID, prompt.key.executable, prompt.key.uid,
+                      prompt.key.host, static_cast<unsigned>(prompt.key.port), id.uppercaseString());
         const auto& chosen = loopbackTrusted() ? client : clientNoLoopback;
         chosen->submit(
             prompt.request,

@@ -100,8 +100,15 @@ ProcessNode FlowAttributor::exitedNode(const qf_flow_owner& owner) const {
     const auto ticks = ticksOf(owner.start_boottime_ns);
     identity.auditToken = ProcessLineage::auditToken(identity.pid, ticks);
     const std::string comm(owner.comm, strnlen(owner.comm, sizeof owner.comm));
-    auto path = owners_ ? owners_->execPath(owner.tgid, owner.start_boottime_ns) : std::nullopt;
-    identity.executablePath = path && path->starts_with('/') ? text::validUtf8(*path) : "[" + text::validUtf8(comm) + "]";
+    auto started = owners_ ? owners_->startedProgram(owner.tgid, owner.start_boottime_ns) : std::nullopt;
+    identity.executablePath = started && started->path.starts_with('/') ? text::validUtf8(started->path)
+                                                                        : "[" + text::validUtf8(comm) + "]";
+    if (started) {
+        // The arguments name the script an interpreter ran: a rule for the
+        // script still decides a flow whose process ended before it was read.
+        for (const auto& argument : started->arguments) identity.argv.push_back(text::validUtf8(argument));
+        identity.scriptPath = ProcessTags::scriptPath(identity);
+    }
     identity.userID = owner.uid;
     const auto& procfs = processes_.procfs();
     if (procfs.bootTimeSeconds && procfs.clockTicksPerSecond > 0)

@@ -170,6 +170,16 @@ std::optional<std::string> terminalPath(std::uint32_t ttyNr) {
     return std::nullopt;
 }
 
+namespace {
+
+bool exitingNow(const std::filesystem::path& statFile) {
+    const auto stat = readWholeFile(statFile);
+    const auto fields = stat ? parseStat(*stat) : std::nullopt;
+    return !fields || fields->exiting();
+}
+
+}  // namespace
+
 Result<InspectedProcess> inspectProcess(std::int32_t pid, const ProcfsView& procfs) {
     if (pid <= 0) return std::unexpected(Error::withMessage(fmt::format("{} is not a process id", pid)));
     const auto directory = procfs.root / std::to_string(pid);
@@ -197,8 +207,13 @@ Result<InspectedProcess> inspectProcess(std::int32_t pid, const ProcfsView& proc
         identity.executablePath = withoutDeletedMark(std::move(*exe));
     else if (!identity.argv.empty() && !identity.argv.front().empty())
         identity.executablePath = identity.argv.front();
+    else if (exitingNow(statFile))
+        // Began to exit after its stat was read: what it ran is gone from
+        // here, and its name must come from the kernel's record instead.
+        return std::unexpected(Error{std::make_error_code(std::errc::no_such_process),
+                                     fmt::format("Process {} is exiting", pid)});
     else
-        identity.executablePath = "[" + fields->comm + "]";
+        identity.executablePath = "[" + fields->comm + "]";  // a kernel thread
     identity.userID = realUserID(directory / "status");
     identity.tty = terminalPath(fields->ttyNr);
     identity.cwd = readLink(directory / "cwd");

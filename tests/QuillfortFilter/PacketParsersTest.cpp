@@ -1,3 +1,4 @@
+#include "QuillfortFilter/bpf/BpfSocketOwners.hpp"
 #include "QuillfortFilter/packet/DnsMessage.hpp"
 #include "QuillfortFilter/packet/PacketHeaders.hpp"
 
@@ -141,3 +142,18 @@ TEST(DnsParser, TcpPayloadCarriesTheMessageAfterItsLength) {
 
 }  // namespace
 }  // namespace quillfort
+
+TEST(ExecRecord, KeepsOnlyTheArgumentsItHoldsWhole) {
+    using namespace std::string_view_literals;
+    const struct {
+        std::string_view recorded;
+        std::vector<std::string> expected;
+    } cases[] = {
+        {"/usr/bin/python3\0/opt/a.py\0--x\0"sv, {"/usr/bin/python3", "/opt/a.py", "--x"}},
+        {"/usr/bin/python3\0/opt/long-scri"sv, {"/usr/bin/python3"}},  // cut short by the record's end
+        {"\0\0"sv, {"", ""}},
+        {""sv, {}},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(quillfort::BpfSocketOwners::recordedArguments(c.recorded), c.expected) << c.recorded.size();
+}

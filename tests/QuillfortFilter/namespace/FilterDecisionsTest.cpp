@@ -150,6 +150,8 @@ TEST_F(FilterDecisions, AProcessThatExitedBeforeItsPacketWasReadIsStillNamed) {
     ASSERT_TRUE(event->context.matchedProcessNode);
     EXPECT_EQ(event->context.matchedProcessNode->state, ProcessState::exited);
     EXPECT_EQ(event->context.matchedProcessNode->identity.executablePath, FilterSandbox::python());
+    // And by the script it ran, so that a rule for the script still applies.
+    EXPECT_EQ(event->context.matchedProcessNode->identity.scriptPath, QUILLFORT_NETPEER);
 }
 
 TEST_F(FilterDecisions, AFlowCarriesTheNameItsProgramAskedForAndARuleForThatNameDecidesTheNext) {
