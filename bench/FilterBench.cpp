@@ -415,66 +415,66 @@ int run(int argc, char** argv) {
 
     // Twenty prompts waiting in the agent while rule-decided flows go on.
     if (want("prompts")) {
-    ::setenv("HOME", home.c_str(), 1);
-    Child agentProcess = spawn(agent, {"--headless", "--loopback-port", "0"}, home / "agent.log");
-    std::uint16_t agentPort = 0;
-    waitFor([&] {
-        const auto log = readAll(home / "agent.log");
-        const std::string marker = "Listening for loopback prompt requests on 127.0.0.1:";
-        const auto at = log.find(marker);
-        if (at != std::string::npos) agentPort = static_cast<std::uint16_t>(std::stoi(log.substr(at + marker.size())));
-        return agentPort != 0;
-    });
-    running = startFilter(filter, home, "alerting", agentPort);
-    (void)measureConnections(200, workers, 300ms);
-    const auto noneWaiting = measureConnections(samples, workers, duration);
-    for (std::uint16_t port = 20000; port < 20020; ++port) sendUdp(port, 1);
-    waitFor([&] {
-        auto status = filterStatus(home);
-        return status && status->counters.promptsWaiting == 20;
-    });
-    const auto waiting = measureConnections(samples, workers, duration);
-    const auto promptsWaiting = filterStatus(home) ? filterStatus(home)->counters.promptsWaiting : 0;
-    connectRows(fmt::format("{} prompts waiting (beside none)", promptsWaiting), waiting, noneWaiting);
-    running.stop();
-    agentProcess.stop(SIGINT);
+        ::setenv("HOME", home.c_str(), 1);
+        Child agentProcess = spawn(agent, {"--headless", "--loopback-port", "0"}, home / "agent.log");
+        std::uint16_t agentPort = 0;
+        waitFor([&] {
+            const auto log = readAll(home / "agent.log");
+            const std::string marker = "Listening for loopback prompt requests on 127.0.0.1:";
+            const auto at = log.find(marker);
+            if (at != std::string::npos) agentPort = static_cast<std::uint16_t>(std::stoi(log.substr(at + marker.size())));
+            return agentPort != 0;
+        });
+        running = startFilter(filter, home, "alerting", agentPort);
+        (void)measureConnections(200, workers, 300ms);
+        const auto noneWaiting = measureConnections(samples, workers, duration);
+        for (std::uint16_t port = 20000; port < 20020; ++port) sendUdp(port, 1);
+        waitFor([&] {
+            auto status = filterStatus(home);
+            return status && status->counters.promptsWaiting == 20;
+        });
+        const auto waiting = measureConnections(samples, workers, duration);
+        const auto promptsWaiting = filterStatus(home) ? filterStatus(home)->counters.promptsWaiting : 0;
+        connectRows(fmt::format("{} prompts waiting (beside none)", promptsWaiting), waiting, noneWaiting);
+        running.stop();
+        agentProcess.stop(SIGINT);
     }
 
     // A burst: 10,000 new UDP flows of an allowed program, 2,000 of another.
     if (want("burst")) {
-    fs::copy_file(self, home / "other-program", fs::copy_options::overwrite_existing);
-    running = startFilter(filter, home, "blocking", 1);
-    const int allowedReceiver = udpReceiver(allowedUdpPort), unknownReceiver = udpReceiver(unknownUdpPort);
-    const auto burstStart = Clock::now();
-    std::vector<Child> senders;
-    for (int i = 0; i < 4; ++i)
-        senders.push_back(spawn(self, {"--send-udp", std::to_string(allowedUdpPort), "2500"}, home / "senders.log"));
-    senders.push_back(spawn(home / "other-program", {"--send-udp", std::to_string(unknownUdpPort), "2000"},
-                            home / "senders.log"));
-    for (auto& child : senders) ::waitpid(child.pid, nullptr, 0);
-    std::size_t allowed = 0, unknown = 0;
-    waitFor([&] {
+        fs::copy_file(self, home / "other-program", fs::copy_options::overwrite_existing);
+        running = startFilter(filter, home, "blocking", 1);
+        const int allowedReceiver = udpReceiver(allowedUdpPort), unknownReceiver = udpReceiver(unknownUdpPort);
+        const auto burstStart = Clock::now();
+        std::vector<Child> senders;
+        for (int i = 0; i < 4; ++i)
+            senders.push_back(spawn(self, {"--send-udp", std::to_string(allowedUdpPort), "2500"}, home / "senders.log"));
+        senders.push_back(spawn(home / "other-program", {"--send-udp", std::to_string(unknownUdpPort), "2000"},
+                                home / "senders.log"));
+        for (auto& child : senders) ::waitpid(child.pid, nullptr, 0);
+        std::size_t allowed = 0, unknown = 0;
+        waitFor([&] {
+            allowed += drain(allowedReceiver);
+            unknown += drain(unknownReceiver);
+            auto status = filterStatus(home);
+            return status && status->counters.flowsDecided >= 12000 && allowed >= 10000;
+        }, 30s);
+        const double burstSeconds = std::chrono::duration<double>(Clock::now() - burstStart).count();
         allowed += drain(allowedReceiver);
         unknown += drain(unknownReceiver);
-        auto status = filterStatus(home);
-        return status && status->counters.flowsDecided >= 12000 && allowed >= 10000;
-    }, 30s);
-    const double burstSeconds = std::chrono::duration<double>(Clock::now() - burstStart).count();
-    allowed += drain(allowedReceiver);
-    unknown += drain(unknownReceiver);
-    rows.push_back({"burst: allowed datagrams delivered", fmt::format("{} of 10000 ({:.2f} %)", allowed, allowed / 100.0), "", ""});
-    rows.push_back({"burst: unknown datagrams delivered", fmt::format("{} of 2000", unknown), "", ""});
-    rows.push_back({"burst: time to decide 12,000 flows", fmt::format("{:.2f} s", burstSeconds), "", ""});
+        rows.push_back({"burst: allowed datagrams delivered", fmt::format("{} of 10000 ({:.2f} %)", allowed, allowed / 100.0), "", ""});
+        rows.push_back({"burst: unknown datagrams delivered", fmt::format("{} of 2000", unknown), "", ""});
+        rows.push_back({"burst: time to decide 12,000 flows", fmt::format("{:.2f} s", burstSeconds), "", ""});
 
-    // Footprint after the burst, with 10,000 rules.
-    std::this_thread::sleep_for(1500ms);  // the last coalesced write
-    rows.push_back({"resident memory, 10,000 rules, after the burst",
-                    fmt::format("{:.1f} MB", residentKilobytes(running.pid) / 1024.0), "", ""});
-    const auto cpuBefore = cpuNanoseconds(running.pid);
-    std::this_thread::sleep_for(10s);
-    const double idlePercent = static_cast<double>(cpuNanoseconds(running.pid) - cpuBefore) / 10e9 * 100.0;
-    rows.push_back({"idle CPU over 10 s, all threads", fmt::format("{:.3f} % of a core", idlePercent), "", ""});
-    running.stop();
+        // Footprint after the burst, with 10,000 rules.
+        std::this_thread::sleep_for(1500ms);  // the last coalesced write
+        rows.push_back({"resident memory, 10,000 rules, after the burst",
+                        fmt::format("{:.1f} MB", residentKilobytes(running.pid) / 1024.0), "", ""});
+        const auto cpuBefore = cpuNanoseconds(running.pid);
+        std::this_thread::sleep_for(10s);
+        const double idlePercent = static_cast<double>(cpuNanoseconds(running.pid) - cpuBefore) / 10e9 * 100.0;
+        rows.push_back({"idle CPU over 10 s, all threads", fmt::format("{:.3f} % of a core", idlePercent), "", ""});
+        running.stop();
     }
     fs::remove_all(home);
 
