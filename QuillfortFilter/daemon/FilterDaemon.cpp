@@ -1,5 +1,6 @@
 #include "QuillfortFilter/daemon/FilterDaemon.hpp"
 
+#include <malloc.h>
 #include <sys/inotify.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -23,6 +24,7 @@
 #include "QuillfortFilter/flows/FlowEventLog.hpp"
 #include "QuillfortFilter/flows/PendingPrompts.hpp"
 #include "QuillfortFilter/kernel/DnsAnswerLog.hpp"
+#include "QuillfortFilter/process/ExecutableIdentities.hpp"
 #include "QuillfortFilter/kernel/FilterKernelRules.hpp"
 #include "QuillfortFilter/kernel/PacketQueue.hpp"
 #include "QuillfortFilter/rules/FlowPolicy.hpp"
@@ -278,22 +280,28 @@ struct FilterDaemon::State {
         statusDirty = true;
         flowLog().log("Loaded %{public}llu enabled rules (%{public}s).",
                       static_cast<unsigned long long>(rules.size()), ruleSource);
+        // Decoding a large snapshot leaves free heap the daemon will not need
+        // until the next load: hand it back now.
+        ::malloc_trim(0);
     }
 
     std::optional<RuleSnapshotEnvelope> readLastGood() {
         auto bytes = system->readFile(lastGoodCopy());
         if (!bytes) return std::nullopt;
-        lastGoodBytes = *bytes;
+        lastGoodDigest = ExecutableIdentities::sha256Of(*bytes).value_or("");
         auto decoded = decodeJson<RuleSnapshotEnvelope>(*bytes);
         if (!decoded) return std::nullopt;
         return *decoded;
     }
 
     // The user's file as it was read, once it decoded: no second encoding,
-    // and no write when the copy already holds these bytes.
+    // and no write when the copy already holds these bytes (told by their
+    // digest: a copy of a large snapshot's bytes is not kept for it).
     void saveLastGood(const std::string& bytes) {
-        if (!lastGoodBytes) lastGoodBytes = system->readFile(lastGoodCopy()).value_or("");
-        if (*lastGoodBytes == bytes) return;
+        const auto digest = ExecutableIdentities::sha256Of(bytes).value_or("");
+        if (!lastGoodDigest)
+            lastGoodDigest = ExecutableIdentities::sha256Of(system->readFile(lastGoodCopy()).value_or("")).value_or("");
+        if (!digest.empty() && *lastGoodDigest == digest) return;
         std::error_code error;
         std::filesystem::create_directories(options.stateDirectory, error);
         if (!system->writeFileAtomically(lastGoodCopy(), bytes)) {
@@ -301,9 +309,9 @@ struct FilterDaemon::State {
             return;
         }
         ::chmod(lastGoodCopy().c_str(), 0600);
-        lastGoodBytes = bytes;
+        lastGoodDigest = digest;
     }
-    std::optional<std::string> lastGoodBytes;
+    std::optional<std::string> lastGoodDigest;  // of the copy on disk; nothing until looked at
 
     bool setUpKernelSide() {
         if (auto sockets = SocketDiagnostics::open())

@@ -1,6 +1,8 @@
 // quillfort-filter: the firewall's filter on Linux, a root daemon serving the
 // NFQUEUE its own nftables table feeds. A thin entry point: options, the
 // log sink, and the daemon.
+#include <malloc.h>
+
 #include <cstdio>
 #include <exception>
 #include <map>
@@ -29,6 +31,13 @@ std::map<std::string, Enum> choices() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // The daemon runs for the machine's whole uptime: large transient buffers
+    // (a snapshot's text and tree, a burst's event records) are mapped and
+    // handed back when freed, and a freed heap top goes back early, instead
+    // of the allocator raising both limits after the first large free and
+    // keeping tens of megabytes it will not need again.
+    ::mallopt(M_MMAP_THRESHOLD, 128 * 1024);
+    ::mallopt(M_TRIM_THRESHOLD, 256 * 1024);
     try {
         const auto processInfo = ProcessInfo::current(argc, argv);
         setLogSink(defaultLogSink(processInfo));

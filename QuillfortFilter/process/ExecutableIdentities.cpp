@@ -104,6 +104,16 @@ std::optional<std::string> ExecutableIdentities::sha256(const std::filesystem::p
     return hex;
 }
 
+std::optional<std::string> ExecutableIdentities::sha256Of(std::string_view bytes) {
+    std::array<unsigned char, EVP_MAX_MD_SIZE> digest{};
+    unsigned int length = 0;
+    if (EVP_Digest(bytes.data(), bytes.size(), digest.data(), &length, EVP_sha256(), nullptr) != 1) return std::nullopt;
+    std::string hex;
+    hex.reserve(length * 2);
+    for (unsigned int i = 0; i < length; ++i) hex += fmt::format("{:02x}", digest[i]);
+    return hex;
+}
+
 std::optional<std::string> ExecutableIdentities::owningPackage(const std::string& path) const {
     if (path.empty() || path.front() != '/') return std::nullopt;
     std::vector<std::string> candidates{path};

@@ -65,6 +65,8 @@ public:
 
     // The SHA-256 of a whole file as lower-case hex; nothing when unreadable.
     [[nodiscard]] static std::optional<std::string> sha256(const std::filesystem::path& file);
+    // The same digest of bytes in memory.
+    [[nodiscard]] static std::optional<std::string> sha256Of(std::string_view bytes);
     // The package whose file list holds `path` (also as /bin/... for /usr/bin/...
     // on merged-/usr systems); nothing when no package owns it.
     [[nodiscard]] std::optional<std::string> owningPackage(const std::string& path) const;
