@@ -42,6 +42,14 @@ Uuid Uuid::random() {
     return uuid;
 }
 
+Uuid Uuid::unique() {
+    thread_local boost::uuids::random_generator_mt19937 generator;
+    boost::uuids::uuid value = generator();
+    Uuid uuid;
+    std::copy(value.begin(), value.end(), uuid.bytes.begin());
+    return uuid;
+}
+
 std::string Uuid::uppercaseString() const {
     static constexpr char digits[] = "0123456789ABCDEF";
     std::string text;

@@ -19,8 +19,13 @@ struct Uuid {
 
     // Exactly 8-4-4-4-12 hex digits with hyphens, either case; nothing otherwise.
     [[nodiscard]] static std::optional<Uuid> parse(std::string_view text) noexcept;
-    // A version-4 random identifier.
+    // A version-4 random identifier, from the system's entropy (one system
+    // call each): for identifiers someone else must not guess.
     [[nodiscard]] static Uuid random();
+    // A version-4 identifier from a generator each thread seeds once from the
+    // system's entropy: unique, not secret, and without a system call; for
+    // records made at the rate of new flows.
+    [[nodiscard]] static Uuid unique();
 
     [[nodiscard]] std::string uppercaseString() const;
     [[nodiscard]] bool isNil() const noexcept;

@@ -81,6 +81,12 @@ BpfSocketOwners::~BpfSocketOwners() {
     socket_owners__destroy(skeleton_);
 }
 
+const volatile std::uint64_t* BpfSocketOwners::execGeneration() const {
+    // __u64 is unsigned long long here, std::uint64_t unsigned long: the same 64 bits.
+    static_assert(sizeof skeleton_->bss->exec_generation == sizeof(std::uint64_t));
+    return reinterpret_cast<const volatile std::uint64_t*>(&skeleton_->bss->exec_generation);
+}
+
 std::optional<qf_flow_owner> BpfSocketOwners::flowOwner(const qf_flow_key& key) const {
     qf_flow_owner owner{};
     if (bpf_map__lookup_elem(skeleton_->maps.flow_owners, &key, sizeof key, &owner, sizeof owner, 0) != 0)

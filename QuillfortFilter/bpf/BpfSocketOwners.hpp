@@ -34,6 +34,9 @@ public:
     BpfSocketOwners& operator=(const BpfSocketOwners&) = delete;
 
     [[nodiscard]] std::optional<qf_flow_owner> flowOwner(const qf_flow_key& key) const;
+    // How many execs the machine has seen since the programs loaded, read
+    // from memory the kernel program writes (no system call).
+    [[nodiscard]] const volatile std::uint64_t* execGeneration() const;
     struct StartedProgram {
         std::string path;
         std::vector<std::string> arguments;  // as far as the record holds whole ones

@@ -28,6 +28,11 @@ char LICENSE[] SEC("license") = "GPL";
 /* The network namespace the filter serves (its cookie); 0 records every one. */
 const volatile __u64 target_netns_cookie = 0;
 
+/* Every exec on the machine adds one. The filter reads it from the mapped
+ * data section: while it has not moved, no process has exec'd since a cached
+ * one was checked, and the check's /proc read can be skipped. */
+__u64 exec_generation = 0;
+
 struct {
     __uint(type, BPF_MAP_TYPE_LRU_HASH);
     __uint(max_entries, 65536);
@@ -151,5 +156,6 @@ int quillfort_exec(struct bpf_raw_tracepoint_args *ctx) {
     if (length > 0 && bpf_probe_read_user(scratch->args, length, (const void *)arg_start) == 0)
         scratch->args_length = (__u32)length;
     bpf_map_update_elem(&exec_paths, &tgid, scratch, BPF_ANY);
+    __sync_fetch_and_add(&exec_generation, 1);
     return 0;
 }

@@ -526,7 +526,7 @@ struct FilterDaemon::State {
         if (decision.action == FlowDecisionAction::allow) ++counters.flowsAllowed;
         else ++counters.flowsDropped;
         FlowFilterEvent event;
-        event.id = Uuid::random();
+        event.id = Uuid::unique();
         event.recordedAt = dateFrom(std::chrono::system_clock::now());
         event.mode = settings.mode;
         event.unknownTrafficMode = settings.unknownTrafficMode;

@@ -23,6 +23,7 @@ FlowAttributor::FlowAttributor(ProcessLineage::ProcfsView procfs, std::shared_pt
 
 void FlowAttributor::useSocketOwners(std::unique_ptr<BpfSocketOwners> owners, std::uint64_t netns) {
     owners_ = std::move(owners);
+    if (owners_) processes_.useExecGeneration(owners_->execGeneration());
     netns_ = netns;
 }
 

@@ -49,7 +49,12 @@ std::shared_ptr<const ProcessRecord> ProcessCache::process(std::int32_t pid, std
     if (auto found = entries_.find(pid); found != entries_.end()) {
         auto& entry = found->second;
         // The flow's own process is checked every time: it may have just exec'd.
-        if (stillCurrent(*entry.record, startTicks, true)) {
+        // The count is read before the check, so an exec during it shows next time.
+        const auto generation = execGeneration_ ? std::optional<std::uint64_t>(*execGeneration_) : std::nullopt;
+        const bool noExecSince = generation && startTicks && *startTicks == entry.record->startTicks &&
+                                 entry.record->execGenerationChecked == generation;
+        if (noExecSince || stillCurrent(*entry.record, startTicks, true)) {
+            entry.record->execGenerationChecked = generation;
             ++hits_;
             entry.record->checkedAt = now;
             recency_.splice(recency_.begin(), recency_, entry.position);
@@ -65,6 +70,7 @@ std::shared_ptr<const ProcessRecord> ProcessCache::process(std::int32_t pid, std
 
 std::shared_ptr<const ProcessRecord> ProcessCache::read(std::int32_t pid, std::chrono::steady_clock::time_point now) {
     ++misses_;
+    const auto generation = execGeneration_ ? std::optional<std::uint64_t>(*execGeneration_) : std::nullopt;
     auto inspected = ProcessLineage::inspectProcess(pid, procfs_);
     if (!inspected) return nullptr;
     auto record = std::make_shared<ProcessRecord>();
@@ -75,6 +81,7 @@ std::shared_ptr<const ProcessRecord> ProcessCache::read(std::int32_t pid, std::c
     record->startTicks = inspected->startTicks;
     record->executableKey = ExecutableIdentities::keyOf(procfs_.root / std::to_string(pid) / "exe");
     record->checkedAt = now;
+    record->execGenerationChecked = generation;
     while (entries_.size() >= capacity_ && !recency_.empty()) {
         entries_.erase(recency_.back());
         recency_.pop_back();

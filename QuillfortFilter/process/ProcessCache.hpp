@@ -25,6 +25,7 @@ struct ProcessRecord {
     std::uint64_t startTicks = 0;
     std::optional<ExecutableFileKey> executableKey;
     bool codeIdentityKnown = false;  // cdHash and signingID hold what could be found (maybe nothing)
+    std::optional<std::uint64_t> execGenerationChecked;  // the machine's exec count when last found current
     std::chrono::steady_clock::time_point checkedAt{};
 };
 
@@ -49,6 +50,11 @@ public:
     [[nodiscard]] std::vector<std::shared_ptr<const ProcessRecord>> ancestors(
         const ProcessRecord& record, std::chrono::steady_clock::time_point now);
 
+    // A count of the machine's execs that the kernel keeps: while it stands
+    // where it stood when a process was last found current, that process
+    // cannot have exec'd, and its executable link is not read again.
+    void useExecGeneration(const volatile std::uint64_t* generation) noexcept { execGeneration_ = generation; }
+
     // Keeps the code identity found for an executable on every cached record of it.
     void setCodeIdentity(const ExecutableFileKey& key, const ExecutableCodeIdentity& identity);
 
@@ -69,6 +75,7 @@ private:
 
     ProcessLineage::ProcfsView procfs_;
     std::size_t capacity_;
+    const volatile std::uint64_t* execGeneration_ = nullptr;
     std::list<std::int32_t> recency_;  // most recent at the front
     std::unordered_map<std::int32_t, Entry> entries_;
     std::uint64_t hits_ = 0;

@@ -1,3 +1,4 @@
+#include "QuillfortFilter/process/ProcessCache.hpp"
 #include "QuillfortFilter/process/ProcessLineage.hpp"
 
 #include <fstream>
@@ -84,6 +85,33 @@ TEST_F(SyntheticProcfs, MalformedStatAndExitingProcessesAreErrors) {
     write("14/stat", "14 (going) R 1 14 14 0 -1 4194564 1 0 0 0 0 0 0 0 20 0 1 0 5 0 0\n");
     EXPECT_EQ(PI::inspectProcess(13, view()).error().code, std::errc::no_such_process);
     EXPECT_EQ(PI::inspectProcess(14, view()).error().code, std::errc::no_such_process);
+}
+
+// A cached process is read again once it may have exec'd: always without
+// the kernel's exec count, and with it only when the count moved.
+TEST_F(SyntheticProcfs, ACachedProcessIsReadAgainAfterAnExec) {
+    addProcess(40, 1, "app", 0, 7);
+    const auto exe = procfs_.path() / "40" / "exe";
+    const auto exec = [&](const char* program) {
+        std::filesystem::remove(exe);
+        std::filesystem::create_symlink(program, exe);
+    };
+    const auto now = std::chrono::steady_clock::now();
+    for (const bool counted : {false, true}) {
+        SCOPED_TRACE(counted);
+        volatile std::uint64_t execs = 0;
+        ProcessCache cache(view());
+        if (counted) cache.useExecGeneration(&execs);
+        exec("/usr/bin/first");
+        ASSERT_EQ(cache.process(40, 7, now)->node.identity.executablePath, "/usr/bin/first");
+        exec("/usr/bin/second");
+        if (counted) {  // the count stood still: the link is not looked at
+            EXPECT_EQ(cache.process(40, 7, now)->node.identity.executablePath, "/usr/bin/first");
+        }
+        execs = execs + 1;
+        EXPECT_EQ(cache.process(40, 7, now)->node.identity.executablePath, "/usr/bin/second");
+        EXPECT_EQ(cache.process(40, 8, now), nullptr);  // another start time is another process
+    }
 }
 
 }  // namespace

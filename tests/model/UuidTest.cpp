@@ -32,10 +32,12 @@ TEST(Uuid, RejectsAnythingButTheCanonicalForm) {
 }
 
 TEST(Uuid, RandomIdentifiersAreVersionFourAndDiffer) {
-    const Uuid first = Uuid::random();
-    EXPECT_EQ(first.bytes[6] >> 4, 4);
-    EXPECT_EQ(first.bytes[8] >> 6, 0b10);
-    EXPECT_NE(Uuid::random(), first);
+    for (const auto make : {&Uuid::random, &Uuid::unique}) {
+        const Uuid first = make();
+        EXPECT_EQ(first.bytes[6] >> 4, 4);
+        EXPECT_EQ(first.bytes[8] >> 6, 0b10);
+        EXPECT_NE(make(), first);
+    }
 }
 
 }  // namespace
