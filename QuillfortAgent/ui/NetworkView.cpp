@@ -50,7 +50,7 @@ public:
         endResetModel();
     }
 
-    [[nodiscard]] const FlowFilterEvent* event(int row) const {
+    [[nodiscard]] const FlowFilterEvent* eventAt(int row) const {
         if (!snapshot_ || row < 0 || row >= static_cast<int>(visible_.size())) return nullptr;
         return &snapshot_->events[visible_[static_cast<std::size_t>(row)]];
     }
@@ -67,7 +67,7 @@ public:
     }
 
     QVariant data(const QModelIndex& index, int role) const override {
-        const FlowFilterEvent* flow = event(index.row());
+        const FlowFilterEvent* flow = eventAt(index.row());
         if (!flow) return {};
         if (role != Qt::DisplayRole && role != Qt::ForegroundRole && role != Qt::ToolTipRole) return {};
         // Worded once per row and kept: a repaint asks for every cell and role.
@@ -197,7 +197,7 @@ void NetworkView::refresh() {
     const auto& events = flows_->events().value();
     // The chosen flow stays chosen while newer ones arrive above it.
     const auto selected = table_->selectionModel()->selectedRows();
-    const FlowFilterEvent* chosen = selected.isEmpty() ? nullptr : model_->event(selected.front().row());
+    const FlowFilterEvent* chosen = selected.isEmpty() ? nullptr : model_->eventAt(selected.front().row());
     const std::optional<Uuid> chosenID = chosen ? std::optional(chosen->id) : std::nullopt;
 
     const auto snapshot = events.snapshot ? events.snapshot : std::make_shared<const FlowFilterEventSnapshot>();
@@ -215,7 +215,7 @@ void NetworkView::refresh() {
         model_->reset(snapshot_, std::move(visible), VM::ruleNames(rules_->state().value().rules));
         if (chosenID)
             for (int row = 0; row < model_->rowCount({}); ++row)
-                if (model_->event(row)->id == *chosenID) table_->selectRow(row);
+                if (model_->eventAt(row)->id == *chosenID) table_->selectRow(row);
     }
     problemText_->setVisible(events.problem.has_value());
     if (events.problem) problemText_->setText(q("The flow events cannot be read: " + *events.problem));
@@ -231,7 +231,7 @@ void NetworkView::updateButtons() {
 void NetworkView::makeRule(RuleAction action) {
     const auto selected = table_->selectionModel()->selectedRows();
     if (selected.isEmpty()) return;
-    const FlowFilterEvent* event = model_->event(selected.front().row());
+    const FlowFilterEvent* event = model_->eventAt(selected.front().row());
     if (!event) return;
     auto request = VM::ruleRequest(*event, Uuid::random(), dateFrom(std::chrono::system_clock::now()));
     const auto preset = action == RuleAction::allow ? AgentPromptDecisionPreset::allowPermanent
