@@ -36,13 +36,7 @@ public:
     std::vector<std::function<void()>> tasks;
 };
 
-Rule rule(std::uint64_t n, RuleScope scope = RuleScope::persistent) {
-    Rule r = testing::sampleRule();
-    r.id = sampleUuid(n);
-    r.name = "rule " + std::to_string(n);
-    r.scope = scope;
-    return r;
-}
+Rule rule(std::uint64_t n, RuleScope scope = RuleScope::persistent) { return testing::numberedRule(n, scope); }
 
 struct RuleBookHarness {
     RuleBookHarness() {

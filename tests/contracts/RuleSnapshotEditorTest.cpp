@@ -13,13 +13,7 @@ namespace {
 using testing::sampleDate;
 using testing::sampleUuid;
 
-Rule rule(std::uint64_t n, RuleScope scope = RuleScope::persistent) {
-    Rule r = testing::sampleRule();
-    r.id = sampleUuid(n);
-    r.name = "rule " + std::to_string(n);
-    r.scope = scope;
-    return r;
-}
+Rule rule(std::uint64_t n, RuleScope scope = RuleScope::persistent) { return testing::numberedRule(n, scope); }
 
 std::vector<Uuid> ids(const std::vector<Rule>& rules) {
     std::vector<Uuid> out;

@@ -117,4 +117,12 @@ Rule sampleRule() {
     return rule;
 }
 
+Rule numberedRule(std::uint64_t n, RuleScope scope) {
+    Rule r = sampleRule();
+    r.id = sampleUuid(n);
+    r.name = "rule " + std::to_string(n);
+    r.scope = scope;
+    return r;
+}
+
 }  // namespace quillfort::testing

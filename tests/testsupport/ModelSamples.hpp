@@ -44,4 +44,7 @@ public:
 // api.example.com, portExact 443, transportProtocol tcp.
 [[nodiscard]] Rule sampleRule();
 
+// sampleRule() as rule number `n`: id sampleUuid(n), name "rule N", `scope`.
+[[nodiscard]] Rule numberedRule(std::uint64_t n, RuleScope scope = RuleScope::persistent);
+
 }  // namespace quillfort::testing
